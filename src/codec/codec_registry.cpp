@@ -1,0 +1,66 @@
+#include "codec/codec_registry.h"
+
+#include <new>
+
+namespace quillon {
+
+using namespace TAV;
+
+namespace {
+
+template <class T>
+Codec* make() {
+  return new (std::nothrow) T();
+}
+
+}  // namespace
+
+Codec* createCodecFor(CompressionType code) {
+  switch (code) {
+    // Each codec class plugs in at its own case; until a class exists its
+    // codes yield null, exactly like a code the table does not list.
+    case CT_G711_ALAW:
+    case CT_G711_ULAW:
+      return nullptr;  // CodecG711
+    case CT_G726_40:
+    case CT_G726_32:
+    case CT_G726_24:
+    case CT_G726_16:
+    case CT_G726_40_LSB:
+    case CT_G726_32_LSB:
+    case CT_G726_24_LSB:
+    case CT_G726_16_LSB:
+      return nullptr;  // CodecG72X
+    case CT_G729:
+    case CT_G722:
+    case CT_G722_MODE2:
+    case CT_G722_MODE3:
+    case CT_AMRWB:
+      return nullptr;  // CodecLibAdapter
+    case CT_ICELP48:
+      return nullptr;  // CodecICELP48
+    case CT_TETRA:
+      return nullptr;  // CodecTetra
+    case CT_SILK_20MS:
+    case CT_SILK_30MS:
+    case CT_SILK_40MS:
+    case CT_SILK_60MS:
+      return nullptr;  // CodecSILK
+    case CT_OPUS:
+      return nullptr;  // CodecOpus
+    case CT_MSADPCM:
+      return nullptr;  // CodecMSADPCM32
+    case CT_PCM8:
+      return nullptr;  // CodecPCMLinear
+    default:
+      return nullptr;
+  }
+}
+
+bool hasCodecClass(CompressionType code) {
+  Codec* c = createCodecFor(code);
+  delete c;
+  return c != nullptr;
+}
+
+}  // namespace quillon
