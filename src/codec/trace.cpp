@@ -1,6 +1,7 @@
 #include "codec/trace.h"
 
 #include <cstdarg>
+#include <cstdio>
 
 namespace {
 // Standard output unless the host chose otherwise; `discard` records an
