@@ -1,7 +1,59 @@
+// quillon: decode and encode telephony and radio speech streams.
 #include <cstdio>
+#include <cstring>
+
+#include "commands.h"
+#include "quillon/trace.h"
+
+namespace {
+
+void printHelp() {
+  std::printf(
+      "usage: quillon [--trace] COMMAND ...\n"
+      "\n"
+      "  decode --codec CODE [--rate 8000] [--raw] [--api] INPUT OUTPUT\n"
+      "      decode a raw coded stream to 16-bit PCM: a WAVE file, or bare\n"
+      "      little-endian samples with --raw. --rate 8000 halves 16 kHz codecs;\n"
+      "      --api decodes through the plain C exports instead of the transcoder.\n"
+      "  encode --codec CODE INPUT.wav OUTPUT\n"
+      "      encode a 16-bit PCM mono WAVE file (8000 or 16000 Hz).\n"
+      "  codecs\n"
+      "      list the codecs and what this build can do with each.\n"
+      "  demo [OUTDIR]\n"
+      "      encode the built-in speech clip with every encoder, decode every\n"
+      "      stream, write the WAVE files to OUTDIR (default quillon-demo) and\n"
+      "      print a table of sizes, speeds and signal-to-noise ratios.\n"
+      "  help\n"
+      "\n"
+      "CODE is a compression number or a name from 'quillon codecs'.\n"
+      "--trace sends the library's trace lines to standard error (they are\n"
+      "discarded otherwise).\n");
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
-  (void)argv;
-  std::fprintf(stderr, "usage: quillon <decode|encode|codecs|demo> ...\n");
-  return argc > 1 ? 2 : 0;
+  int first = 1;
+  quillon_set_trace_sink(nullptr);
+  if (first < argc && std::strcmp(argv[first], "--trace") == 0) {
+    quillon_set_trace_sink(stderr);
+    first++;
+  }
+  if (first >= argc) {
+    printHelp();
+    return 2;
+  }
+  const char* command = argv[first];
+  int subArgc = argc - first;
+  char** subArgv = argv + first;
+  if (std::strcmp(command, "decode") == 0) return runDecodeCommand(subArgc, subArgv);
+  if (std::strcmp(command, "encode") == 0) return runEncodeCommand(subArgc, subArgv);
+  if (std::strcmp(command, "codecs") == 0) return runCodecsCommand(subArgc, subArgv);
+  if (std::strcmp(command, "demo") == 0) return runDemoCommand(subArgc, subArgv);
+  if (std::strcmp(command, "help") == 0 || std::strcmp(command, "--help") == 0 || std::strcmp(command, "-h") == 0) {
+    printHelp();
+    return 0;
+  }
+  std::fprintf(stderr, "quillon: unknown command '%s' (see 'quillon help')\n", command);
+  return 2;
 }

@@ -2,6 +2,9 @@
 
 #include <new>
 
+#include "quillon/codecs/codec_g711.h"
+#include "quillon/codecs/codec_pcm_linear.h"
+
 namespace quillon {
 
 using namespace TAV;
@@ -21,7 +24,7 @@ Codec* createCodecFor(CompressionType code) {
     // codes yield null, exactly like a code the table does not list.
     case CT_G711_ALAW:
     case CT_G711_ULAW:
-      return nullptr;  // CodecG711
+      return make<CodecG711>();
     case CT_G726_40:
     case CT_G726_32:
     case CT_G726_24:
@@ -51,7 +54,7 @@ Codec* createCodecFor(CompressionType code) {
     case CT_MSADPCM:
       return nullptr;  // CodecMSADPCM32
     case CT_PCM8:
-      return nullptr;  // CodecPCMLinear
+      return make<CodecPCMLinear>();
     default:
       return nullptr;
   }

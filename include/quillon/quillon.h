@@ -1,0 +1,19 @@
+// The whole public interface of the library: every TAV class and the plain
+// exports.
+#ifndef QUILLON_QUILLON_H
+#define QUILLON_QUILLON_H
+
+#include "quillon/platform.h"
+#include "quillon/audio_format.h"
+#include "quillon/codec.h"
+#include "quillon/decoder_buffer.h"
+#include "quillon/resampler.h"
+#include "quillon/transcoder.h"
+#include "quillon/decoder.h"
+#include "quillon/ring_buffer.h"
+#include "quillon/trace.h"
+#include "quillon/codecs/codec_g711.h"
+#include "quillon/codecs/codec_pcm_linear.h"
+#include "quillon/quillon_c.h"
+
+#endif

@@ -1,0 +1,61 @@
+#include "codec_names.h"
+
+#include <cstdlib>
+
+namespace quillon::tool {
+
+using namespace TAV;
+
+const std::vector<CodecName>& codecNames() {
+  static const std::vector<CodecName> table = {
+      {"alaw", CT_G711_ALAW, "G.711 A-law", "1 byte/sample"},
+      {"ulaw", CT_G711_ULAW, "G.711 mu-law", "1 byte/sample"},
+      {"g726-40", CT_G726_40, "G.726 40 kbit/s, MSB-first packing", "5 bytes/8 samples"},
+      {"g726-32", CT_G726_32, "G.726 32 kbit/s, MSB-first packing", "4 bytes/8 samples"},
+      {"g726-24", CT_G726_24, "G.726 24 kbit/s, MSB-first packing", "3 bytes/8 samples"},
+      {"g726-16", CT_G726_16, "G.726 16 kbit/s, MSB-first packing", "2 bytes/8 samples"},
+      {"g726-40-lsb", CT_G726_40_LSB, "G.726 40 kbit/s, LSB-first packing", "5 bytes/8 samples"},
+      {"g726-32-lsb", CT_G726_32_LSB, "G.726 32 kbit/s, LSB-first packing", "4 bytes/8 samples"},
+      {"g726-24-lsb", CT_G726_24_LSB, "G.726 24 kbit/s, LSB-first packing", "3 bytes/8 samples"},
+      {"g726-16-lsb", CT_G726_16_LSB, "G.726 16 kbit/s, LSB-first packing", "2 bytes/8 samples"},
+      {"g729", CT_G729, "G.729 Annex A", "10 bytes/10 ms"},
+      {"icelp48", CT_ICELP48, "ICELP 4.8 kbit/s", "18 bytes/30 ms"},
+      {"tetra", CT_TETRA, "TETRA full-rate speech", "18 bytes/30 ms"},
+      {"g722", CT_G722, "G.722 64 kbit/s", "1 byte/2 samples"},
+      {"g722-mode2", CT_G722_MODE2, "G.722, second code (decode)", "1 byte/2 samples"},
+      {"g722-mode3", CT_G722_MODE3, "G.722, third code (decode)", "1 byte/2 samples"},
+      {"silk-20", CT_SILK_20MS, "SILK, 20 ms packets", "length-prefixed packets"},
+      {"silk-30", CT_SILK_30MS, "SILK, 30 ms packets", "length-prefixed packets"},
+      {"silk-40", CT_SILK_40MS, "SILK, 40 ms packets", "length-prefixed packets"},
+      {"silk-60", CT_SILK_60MS, "SILK, 60 ms packets", "length-prefixed packets"},
+      {"opus", CT_OPUS, "Opus", "length-prefixed packets"},
+      {"amrwb", CT_AMRWB, "AMR-WB", "length-prefixed frames"},
+      {"pcm16-16k", CT_PCM16_16K, "16-bit linear PCM, 16 kHz", "2 bytes/sample"},
+      {"pcm16", CT_PCM16, "16-bit linear PCM, 8 kHz", "2 bytes/sample"},
+      {"msadpcm", CT_MSADPCM, "Microsoft ADPCM", "256-byte blocks"},
+      {"pcm8", CT_PCM8, "8-bit linear PCM", "1 byte/sample"},
+  };
+  return table;
+}
+
+bool parseCodec(const std::string& text, CompressionType& code) {
+  for (const CodecName& c : codecNames())
+    if (text == c.name) {
+      code = c.code;
+      return true;
+    }
+  if (text.empty() || text.size() > 9) return false;
+  char* end = nullptr;
+  long v = std::strtol(text.c_str(), &end, 10);
+  if (*end != '\0' || v < 0) return false;
+  code = static_cast<CompressionType>(v);
+  return true;
+}
+
+std::string codecName(CompressionType code) {
+  for (const CodecName& c : codecNames())
+    if (c.code == code) return c.name;
+  return "code " + std::to_string(static_cast<int>(code));
+}
+
+}  // namespace quillon::tool

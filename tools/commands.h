@@ -1,0 +1,11 @@
+// The tool's sub-commands. Each takes argv from the command name on and
+// returns the process exit status.
+#ifndef QUILLON_TOOLS_COMMANDS_H
+#define QUILLON_TOOLS_COMMANDS_H
+
+int runDecodeCommand(int argc, char** argv);
+int runEncodeCommand(int argc, char** argv);
+int runCodecsCommand(int argc, char** argv);
+int runDemoCommand(int argc, char** argv);
+
+#endif

@@ -1,0 +1,229 @@
+#include "pipeline.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace quillon::tool {
+
+using namespace TAV;
+
+namespace {
+
+// Whole frames per call for the fixed-frame codecs: about 0.5 s of audio.
+constexpr uint32_t kSliceTarget = 8000;
+// A length prefix counts at most 32767 bytes; more than two packets' worth
+// without progress means the stream cannot be decoded further.
+constexpr size_t kMaxPacketCarry = 2 * (32767 + 2);
+// Output offered per call to the packet codecs: 2 s at 16 kHz.
+constexpr uint32_t kPacketOutCapacity = 64000;
+
+bool isPacketCode(CompressionType c) { return AudioFormat::isMultiRateCompression(c); }
+bool isG722(CompressionType c) { return c == CT_G722 || c == CT_G722_MODE2 || c == CT_G722_MODE3; }
+
+}  // namespace
+
+bool Halver::open(std::string& error) {
+  if (!m_transcoder.open(AudioFormat(CT_PCM16_16K, 1), AudioFormat(CT_PCM16, 1))) {
+    error = "no 16000 -> 8000 Hz resampler is available";
+    return false;
+  }
+  return true;
+}
+
+void Halver::process(const int16_t* in, size_t samples, std::vector<int16_t>& out) {
+  m_carry.insert(m_carry.end(), in, in + samples);
+  const size_t even = m_carry.size() & ~static_cast<size_t>(1);
+  if (even == 0) return;
+  m_work.resize(even / 2);
+  uint32_t inBytes = static_cast<uint32_t>(even * 2);
+  const uint32_t produced = m_transcoder.transcode(reinterpret_cast<const uint8_t*>(m_carry.data()), inBytes,
+                                                   reinterpret_cast<uint8_t*>(m_work.data()),
+                                                   static_cast<uint32_t>(m_work.size() * 2));
+  out.insert(out.end(), m_work.begin(), m_work.begin() + produced / 2);
+  m_carry.erase(m_carry.begin(), m_carry.begin() + static_cast<std::ptrdiff_t>(even));
+}
+
+DecodePipeline::~DecodePipeline() {
+  if (m_handle) {
+    decoder_close(m_handle);
+    decoder_release(m_handle);
+  }
+}
+
+bool DecodePipeline::open(const DecodeOptions& options, std::string& error) {
+  m_options = options;
+  m_inFormat = AudioFormat(options.code, 1);
+  if (!m_inFormat.isValid()) {
+    error = "compression code " + std::to_string(static_cast<int>(options.code)) + " has no framing";
+    return false;
+  }
+  const uint32_t native = m_inFormat.getSamplesPerSecond();
+  if (options.rate != 0 && options.rate != native && options.rate != 8000) {
+    error = "--rate must be 8000 or the codec's own rate (" + std::to_string(native) + ")";
+    return false;
+  }
+  m_outRate = options.rate ? options.rate : native;
+  m_packets = isPacketCode(options.code);
+  // The G.722 engine works in 20 ms frames of 160 bytes; whole frames keep
+  // every call's output within the room the transcoder offers.
+  m_unit = isG722(options.code) ? 160 : m_inFormat.getBytesPerFrame();
+  const bool halve = m_outRate != native;
+
+  if (options.useApi) {
+    m_handle = decoder_create(static_cast<int>(options.code));
+    if (!m_handle) {
+      error = "the C decoder API does not accept compression code " + std::to_string(static_cast<int>(options.code));
+      return false;
+    }
+    if (!decoder_open(m_handle, CT_PCM16)) {
+      error = "the C decoder API could not open 16-bit PCM output";
+      return false;
+    }
+    if (halve) {
+      m_halver = std::make_unique<Halver>();
+      if (!m_halver->open(error)) return false;
+    }
+    return true;
+  }
+
+  m_transcoder = std::make_unique<TransCoder>();
+  // Packet streams have no fixed framing for the transcoder to size a
+  // resampling buffer from, so they are halved in a second stage.
+  const bool transcoderHalves = halve && !m_packets;
+  const AudioFormat out(transcoderHalves || native == 8000 ? CT_PCM16 : CT_PCM16_16K, 1);
+  if (!m_transcoder->open(m_inFormat, out)) {
+    error = "no decoder in this build for compression code " + std::to_string(static_cast<int>(options.code));
+    return false;
+  }
+  if (halve && m_packets) {
+    m_halver = std::make_unique<Halver>();
+    if (!m_halver->open(error)) return false;
+  }
+  return true;
+}
+
+void DecodePipeline::emit(const int16_t* pcm, size_t samples, std::vector<int16_t>& out) {
+  if (m_halver) m_halver->process(pcm, samples, out);
+  else out.insert(out.end(), pcm, pcm + samples);
+}
+
+bool DecodePipeline::decodeSlice(const uint8_t* data, uint32_t bytes, std::vector<int16_t>& out, std::string&) {
+  // Some engines take the byte capacity as a sample count: offer twice the room.
+  uint32_t capacity = m_handle ? AudioFormat(CT_PCM16, 1).samplesToBytes(m_inFormat.bytesToSamples(bytes))
+                               : m_transcoder->getOutSize(bytes);
+  capacity += 64;
+  m_outBuffer.resize(2 * static_cast<size_t>(capacity));
+  uint32_t produced;
+  if (m_handle) {
+    produced = decode_decode(m_handle, data, m_outBuffer.data(), bytes);
+  } else {
+    uint32_t inBytes = bytes;
+    produced = m_transcoder->transcode(data, inBytes, m_outBuffer.data(), capacity);
+  }
+  m_consumed += bytes;
+  emit(reinterpret_cast<const int16_t*>(m_outBuffer.data()), produced / 2, out);
+  return true;
+}
+
+bool DecodePipeline::decodePackets(std::vector<int16_t>& out, std::string& error) {
+  m_outBuffer.resize(2 * static_cast<size_t>(kPacketOutCapacity));
+  size_t offset = 0;
+  while (offset < m_pending.size()) {
+    const uint32_t available = static_cast<uint32_t>(m_pending.size() - offset);
+    uint32_t left = available;
+    const uint32_t produced =
+        m_transcoder->transcode(m_pending.data() + offset, left, m_outBuffer.data(), kPacketOutCapacity);
+    const uint32_t used = left <= available ? available - left : 0;
+    if (produced == 0 && used == 0) break;  // a partial packet: wait for more input
+    offset += used;
+    m_consumed += used;
+    emit(reinterpret_cast<const int16_t*>(m_outBuffer.data()), produced / 2, out);
+  }
+  m_pending.erase(m_pending.begin(), m_pending.begin() + static_cast<std::ptrdiff_t>(offset));
+  if (m_pending.size() > kMaxPacketCarry) {
+    error = "stream cannot be decoded past byte " + std::to_string(m_consumed) +
+            ": no packet boundary found in the next " + std::to_string(m_pending.size()) + " bytes";
+    return false;
+  }
+  return true;
+}
+
+bool DecodePipeline::feed(const uint8_t* data, size_t bytes, std::vector<int16_t>& out, std::string& error) {
+  if (m_packets) {
+    m_pending.insert(m_pending.end(), data, data + bytes);
+    return decodePackets(out, error);
+  }
+  const uint32_t slice = std::max<uint32_t>(1, kSliceTarget / m_unit) * m_unit;
+  // Complete the frame held back from the previous call first.
+  if (!m_pending.empty()) {
+    const size_t need = std::min<size_t>(m_unit - m_pending.size(), bytes);
+    m_pending.insert(m_pending.end(), data, data + need);
+    data += need;
+    bytes -= need;
+    if (m_pending.size() < m_unit) return true;
+    if (!decodeSlice(m_pending.data(), m_unit, out, error)) return false;
+    m_pending.clear();
+  }
+  while (bytes >= m_unit) {
+    const uint32_t n = static_cast<uint32_t>(std::min<size_t>(slice, bytes - bytes % m_unit));
+    if (!decodeSlice(data, n, out, error)) return false;
+    data += n;
+    bytes -= n;
+  }
+  m_pending.assign(data, data + bytes);
+  return true;
+}
+
+bool EncodePipeline::open(CompressionType code, uint32_t inRate, std::string& error) {
+  const AudioFormat out(code, 1);
+  if (!out.isValid()) {
+    error = "compression code " + std::to_string(static_cast<int>(code)) + " has no framing";
+    return false;
+  }
+  if (inRate != 8000 && inRate != 16000) {
+    error = "input must be 8000 or 16000 Hz, not " + std::to_string(inRate);
+    return false;
+  }
+  if (inRate < out.getSamplesPerSecond()) {
+    error = "this codec needs " + std::to_string(out.getSamplesPerSecond()) + " Hz input, the file is " +
+            std::to_string(inRate) + " Hz";
+    return false;
+  }
+  const AudioFormat in(inRate == 16000 ? CT_PCM16_16K : CT_PCM16, 1);
+  m_inFrameSamples = in.getSamplesPerFrame();
+  if (!m_transcoder.open(in, out)) {
+    error = "no encoder in this build for compression code " + std::to_string(static_cast<int>(code));
+    return false;
+  }
+  return true;
+}
+
+void EncodePipeline::feed(const int16_t* pcm, size_t samples, std::vector<uint8_t>& out) {
+  // Whole input frames only: the resampling path sizes its buffer by them.
+  m_carry.insert(m_carry.end(), pcm, pcm + samples);
+  const size_t whole = m_carry.size() - m_carry.size() % m_inFrameSamples;
+  if (whole == 0) return;
+  uint32_t inBytes = static_cast<uint32_t>(whole * 2);
+  const uint32_t capacity = m_transcoder.getOutSizeUnaligned(inBytes) + 65536;
+  m_outBuffer.resize(capacity);
+  const uint32_t n =
+      m_transcoder.transcode(reinterpret_cast<const uint8_t*>(m_carry.data()), inBytes, m_outBuffer.data(), capacity);
+  out.insert(out.end(), m_outBuffer.begin(), m_outBuffer.begin() + n);
+  m_carry.erase(m_carry.begin(), m_carry.begin() + static_cast<std::ptrdiff_t>(whole));
+}
+
+void EncodePipeline::flush(std::vector<uint8_t>& out) {
+  if (!m_carry.empty()) {
+    // Pad the last partial input frame with silence.
+    std::vector<int16_t> pad(m_inFrameSamples - m_carry.size(), 0);
+    feed(pad.data(), pad.size(), out);
+  }
+  const uint32_t pending = m_transcoder.hasPendingEncodedData();
+  if (pending) {
+    m_outBuffer.resize(pending);
+    const uint32_t n = m_transcoder.getPendingEncodedData(m_outBuffer.data(), pending);
+    out.insert(out.end(), m_outBuffer.begin(), m_outBuffer.begin() + n);
+  }
+}
+
+}  // namespace quillon::tool
