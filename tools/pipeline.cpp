@@ -184,14 +184,17 @@ bool EncodePipeline::open(CompressionType code, uint32_t inRate, std::string& er
     error = "input must be 8000 or 16000 Hz, not " + std::to_string(inRate);
     return false;
   }
-  if (inRate < out.getSamplesPerSecond()) {
-    error = "this codec needs " + std::to_string(out.getSamplesPerSecond()) + " Hz input, the file is " +
-            std::to_string(inRate) + " Hz";
+  const uint32_t rate = out.getSamplesPerSecond();
+  if (inRate < rate) {
+    error = "this codec needs " + std::to_string(rate) + " Hz input, the file is " + std::to_string(inRate) + " Hz";
     return false;
   }
-  const AudioFormat in(inRate == 16000 ? CT_PCM16_16K : CT_PCM16, 1);
-  m_inFrameSamples = in.getSamplesPerFrame();
-  if (!m_transcoder.open(in, out)) {
+  if (inRate != rate) {
+    m_halver = std::make_unique<Halver>();
+    if (!m_halver->open(error)) return false;
+  }
+  // PCM straight into the encoder: it holds back partial frames itself.
+  if (!m_transcoder.open(AudioFormat(rate == 16000 ? CT_PCM16_16K : CT_PCM16, 1), out)) {
     error = "no encoder in this build for compression code " + std::to_string(static_cast<int>(code));
     return false;
   }
@@ -199,25 +202,24 @@ bool EncodePipeline::open(CompressionType code, uint32_t inRate, std::string& er
 }
 
 void EncodePipeline::feed(const int16_t* pcm, size_t samples, std::vector<uint8_t>& out) {
-  // Whole input frames only: the resampling path sizes its buffer by them.
-  m_carry.insert(m_carry.end(), pcm, pcm + samples);
-  const size_t whole = m_carry.size() - m_carry.size() % m_inFrameSamples;
-  if (whole == 0) return;
-  uint32_t inBytes = static_cast<uint32_t>(whole * 2);
-  const uint32_t capacity = m_transcoder.getOutSizeUnaligned(inBytes) + 65536;
+  if (!m_halver) return encode(pcm, samples, out);
+  m_halved.clear();
+  m_halver->process(pcm, samples, m_halved);
+  encode(m_halved.data(), m_halved.size(), out);
+}
+
+void EncodePipeline::encode(const int16_t* pcm, size_t samples, std::vector<uint8_t>& out) {
+  if (samples == 0) return;
+  uint32_t inBytes = static_cast<uint32_t>(samples * 2);
+  // Room for this input plus whatever the encoder held back before.
+  const uint32_t capacity = inBytes + 65536;
   m_outBuffer.resize(capacity);
   const uint32_t n =
-      m_transcoder.transcode(reinterpret_cast<const uint8_t*>(m_carry.data()), inBytes, m_outBuffer.data(), capacity);
+      m_transcoder.transcode(reinterpret_cast<const uint8_t*>(pcm), inBytes, m_outBuffer.data(), capacity);
   out.insert(out.end(), m_outBuffer.begin(), m_outBuffer.begin() + n);
-  m_carry.erase(m_carry.begin(), m_carry.begin() + static_cast<std::ptrdiff_t>(whole));
 }
 
 void EncodePipeline::flush(std::vector<uint8_t>& out) {
-  if (!m_carry.empty()) {
-    // Pad the last partial input frame with silence.
-    std::vector<int16_t> pad(m_inFrameSamples - m_carry.size(), 0);
-    feed(pad.data(), pad.size(), out);
-  }
   const uint32_t pending = m_transcoder.hasPendingEncodedData();
   if (pending) {
     m_outBuffer.resize(pending);

@@ -65,7 +65,8 @@ class DecodePipeline {
 
 class EncodePipeline {
  public:
-  // `inRate` is the PCM's rate (8000 or 16000).
+  // `inRate` is the PCM's rate (8000 or 16000); 16 kHz input for an 8 kHz
+  // codec is halved first.
   bool open(TAV::CompressionType code, uint32_t inRate, std::string& error);
   // Encodes 16-bit PCM; coded bytes are appended to `out`.
   void feed(const int16_t* pcm, size_t samples, std::vector<uint8_t>& out);
@@ -73,10 +74,12 @@ class EncodePipeline {
   void flush(std::vector<uint8_t>& out);
 
  private:
+  void encode(const int16_t* pcm, size_t samples, std::vector<uint8_t>& out);
+
   TAV::TransCoder m_transcoder;
+  std::unique_ptr<Halver> m_halver;
+  std::vector<int16_t> m_halved;
   std::vector<uint8_t> m_outBuffer;
-  std::vector<int16_t> m_carry;
-  uint32_t m_inFrameSamples = 8;
 };
 
 }  // namespace quillon::tool

@@ -1,0 +1,185 @@
+// The quillon tool end to end, and its stream pipeline.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <random>
+
+#include "codecs/waveform/g711.h"
+#include "pipeline.h"
+#include "test_support.h"
+
+namespace fs = std::filesystem;
+using namespace TAV;
+using quillon::test::readFile;
+
+namespace {
+
+class ToolTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir = fs::temp_directory_path() / ("quillon-tool-" + std::to_string(::getpid()) + "-" +
+                                       ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::create_directories(dir);
+  }
+  void TearDown() override { fs::remove_all(dir); }
+
+  // Runs the tool; returns its exit status, stderr in `err`.
+  int run(const std::string& args, std::string* err = nullptr) {
+    const fs::path errFile = dir / "stderr.txt";
+    const std::string cmd = std::string(QUILLON_TOOL_PATH) + " " + args + " >/dev/null 2>" + errFile.string();
+    const int status = std::system(cmd.c_str());
+    if (err) {
+      std::ifstream f(errFile);
+      err->assign(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  void writeBytes(const fs::path& p, const std::vector<uint8_t>& b) {
+    std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
+  }
+
+  void writeWav(const fs::path& p, const std::vector<int16_t>& pcm, uint32_t rate, uint16_t channels = 1,
+                uint16_t bits = 16) {
+    WaveHeader h{};
+    AudioFormat(CT_PCM16, channels).fillWaveHeader(h, static_cast<uint32_t>(pcm.size() * 2));
+    h.samplesPerSec = rate;
+    h.bitsPerSample = bits;
+    std::vector<uint8_t> bytes(sizeof h);
+    std::memcpy(bytes.data(), &h, sizeof h);
+    const uint8_t* s = reinterpret_cast<const uint8_t*>(pcm.data());
+    bytes.insert(bytes.end(), s, s + pcm.size() * 2);
+    writeBytes(p, bytes);
+  }
+
+  fs::path dir;
+};
+
+std::vector<int16_t> wavSamples(const std::vector<uint8_t>& file) {
+  EXPECT_GE(file.size(), 44u);
+  std::vector<int16_t> s((file.size() - 44) / 2);
+  std::memcpy(s.data(), file.data() + 44, s.size() * 2);
+  return s;
+}
+
+}  // namespace
+
+TEST_F(ToolTest, DecodesG711VectorsThroughBothPaths) {
+  QUILLON_REQUIRE_VECTORS(vectors, "g711");
+  for (const char* name : {"hts12-a.alaw", "hts12-loud-u.ulaw"}) {
+    const fs::path in = vectors / name;
+    const std::vector<int16_t> expected = quillon::test::readPcm16(fs::path(in).replace_extension(".pcm"));
+    const std::string codec = fs::path(name).extension() == ".alaw" ? "alaw" : "ulaw";
+    ASSERT_EQ(run("decode --codec " + codec + " " + in.string() + " " + (dir / "t.wav").string()), 0);
+    ASSERT_EQ(run("decode --api --codec " + codec + " " + in.string() + " " + (dir / "a.wav").string()), 0);
+    ASSERT_EQ(run("decode --raw --codec " + std::to_string(codec == "alaw" ? 1 : 2) + " " + in.string() + " " +
+                  (dir / "r.pcm").string()),
+              0);
+    const std::vector<uint8_t> wav = readFile(dir / "t.wav");
+    WaveHeader h;
+    std::memcpy(&h, wav.data(), sizeof h);
+    EXPECT_EQ(h.dataLength, expected.size() * 2);
+    EXPECT_EQ(h.riffSize, h.dataLength + 36);
+    EXPECT_EQ(h.samplesPerSec, 8000u);
+    EXPECT_EQ(quillon::test::firstMismatch(wavSamples(wav), expected), -1) << name;
+    EXPECT_EQ(quillon::test::firstMismatch(wavSamples(readFile(dir / "a.wav")), expected), -1) << name;
+    EXPECT_EQ(quillon::test::firstMismatch(quillon::test::readPcm16(dir / "r.pcm"), expected), -1) << name;
+  }
+}
+
+TEST_F(ToolTest, EncodesWaveInputAndHalves16kHz) {
+  std::vector<int16_t> pcm(1000);
+  for (size_t i = 0; i < pcm.size(); i++) pcm[i] = static_cast<int16_t>((i * 2654435761u) >> 16);
+  writeWav(dir / "in8.wav", pcm, 8000);
+  ASSERT_EQ(run("encode --codec ulaw " + (dir / "in8.wav").string() + " " + (dir / "out.wav").string()), 0);
+  const std::vector<uint8_t> out = readFile(dir / "out.wav");
+  ASSERT_EQ(out.size(), 44 + pcm.size());
+  EXPECT_EQ(out[20], 7);  // mu-law format tag
+  for (size_t i = 0; i < pcm.size(); i++) ASSERT_EQ(out[44 + i], quillon::g711::ulawCompress(pcm[i])) << i;
+
+  writeWav(dir / "in16.wav", pcm, 16000);
+  ASSERT_EQ(run("encode --codec alaw " + (dir / "in16.wav").string() + " " + (dir / "half.wav").string()), 0);
+  const std::vector<uint8_t> half = readFile(dir / "half.wav");
+  ASSERT_EQ(half.size(), 44 + pcm.size() / 2);
+  EXPECT_EQ(half[44 + 3], quillon::g711::alawCompress(static_cast<int16_t>((pcm[6] + pcm[7]) / 2)));
+}
+
+TEST_F(ToolTest, ReportsBadArgumentsAndInputs) {
+  std::string err;
+  EXPECT_EQ(run("", &err), 2);
+  EXPECT_EQ(run("frobnicate", &err), 2);
+  EXPECT_EQ(run("decode --codec nonsense a b", &err), 2);
+  EXPECT_NE(err.find("unknown codec"), std::string::npos);
+  EXPECT_EQ(run("decode --codec alaw onlyone", &err), 2);
+  EXPECT_EQ(run("decode --codec alaw " + (dir / "missing").string() + " " + (dir / "o.wav").string(), &err), 1);
+  EXPECT_NE(err.find("cannot open"), std::string::npos);
+  EXPECT_FALSE(fs::exists(dir / "o.wav"));
+  writeBytes(dir / "empty", {});
+  EXPECT_EQ(run("decode --codec alaw " + (dir / "empty").string() + " " + (dir / "o.wav").string(), &err), 1);
+  writeBytes(dir / "short.g729", {1, 2, 3});
+  EXPECT_NE(run("decode --codec 150 " + (dir / "short.g729").string() + " " + (dir / "o.wav").string(), &err), 0);
+  EXPECT_EQ(run("decode --api --codec pcm16-16k " + (dir / "short.g729").string() + " " + (dir / "o.wav").string(), &err), 1);
+  EXPECT_NE(err.find("C decoder API"), std::string::npos);
+
+  writeBytes(dir / "notwav.wav", {'R', 'I', 'F', 'X', 0, 0});
+  EXPECT_EQ(run("encode --codec alaw " + (dir / "notwav.wav").string() + " " + (dir / "o.bin").string(), &err), 1);
+  EXPECT_NE(err.find("not a RIFF/WAVE"), std::string::npos);
+  writeWav(dir / "stereo.wav", std::vector<int16_t>(16), 8000, 2);
+  EXPECT_EQ(run("encode --codec alaw " + (dir / "stereo.wav").string() + " " + (dir / "o.bin").string(), &err), 1);
+  EXPECT_NE(err.find("mono"), std::string::npos);
+  writeWav(dir / "eight.wav", std::vector<int16_t>(16), 8000, 1, 8);
+  EXPECT_EQ(run("encode --codec alaw " + (dir / "eight.wav").string() + " " + (dir / "o.bin").string(), &err), 1);
+  writeWav(dir / "odd.wav", std::vector<int16_t>(16), 11025);
+  EXPECT_EQ(run("encode --codec alaw " + (dir / "odd.wav").string() + " " + (dir / "o.bin").string(), &err), 1);
+}
+
+TEST_F(ToolTest, DecodesAnHourInBoundedMemory) {
+  const fs::path in = dir / "hour.alaw";
+  {
+    std::ofstream f(in, std::ios::binary);
+    std::vector<char> block(8000 * 60);
+    for (size_t i = 0; i < block.size(); i++) block[i] = static_cast<char>(i * 31);
+    for (int minute = 0; minute < 60; minute++) f.write(block.data(), static_cast<std::streamsize>(block.size()));
+  }
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    execl(QUILLON_TOOL_PATH, "quillon", "decode", "--codec", "alaw", in.c_str(), (dir / "hour.wav").c_str(),
+          static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int status = 0;
+  struct rusage usage {};
+  ASSERT_EQ(wait4(pid, &status, 0, &usage), pid);
+  ASSERT_TRUE(WIFEXITED(status));
+  ASSERT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(fs::file_size(dir / "hour.wav"), 44u + 2u * 8000u * 3600u);
+  EXPECT_LT(usage.ru_maxrss, 20 * 1024) << "peak resident set in KiB";
+}
+
+TEST(DecodePipeline, AnyChunkingGivesTheSameOutput) {
+  std::vector<uint8_t> stream(4003);
+  std::mt19937 rng(7);
+  for (uint8_t& b : stream) b = static_cast<uint8_t>(rng());
+  for (CompressionType code : {CT_G711_ALAW, CT_PCM8, CT_PCM16}) {
+    std::vector<int16_t> whole, chunked;
+    std::string error;
+    quillon::tool::DecodeOptions options;
+    options.code = code;
+    quillon::tool::DecodePipeline one, many;
+    ASSERT_TRUE(one.open(options, error)) << error;
+    ASSERT_TRUE(many.open(options, error)) << error;
+    ASSERT_TRUE(one.feed(stream.data(), stream.size(), whole, error));
+    for (size_t i = 0; i < stream.size();) {
+      const size_t n = std::min<size_t>(1 + rng() % 37, stream.size() - i);
+      ASSERT_TRUE(many.feed(stream.data() + i, n, chunked, error));
+      i += n;
+    }
+    EXPECT_EQ(whole, chunked) << code;
+    EXPECT_EQ(one.leftoverBytes(), stream.size() % AudioFormat(code, 1).getBytesPerFrame());
+  }
+}
