@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "quillon/codecs/codec_opus.h"
+
 namespace quillon {
 
 using namespace TAV;
@@ -47,7 +49,7 @@ Codec* createCodecFor(CompressionType code) {
     case CT_SILK_60MS:
       return nullptr;  // CodecSILK
     case CT_OPUS:
-      return nullptr;  // CodecOpus
+      return make<CodecOpus>();
     case CT_MSADPCM:
       return nullptr;  // CodecMSADPCM32
     case CT_PCM8:
