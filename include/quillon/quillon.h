@@ -14,6 +14,7 @@
 #include "quillon/trace.h"
 #include "quillon/codecs/codec_g711.h"
 #include "quillon/codecs/codec_pcm_linear.h"
+#include "quillon/codecs/codec_opus.h"
 #include "quillon/quillon_c.h"
 
 #endif

@@ -3,6 +3,7 @@
 #include <new>
 
 #include "quillon/codecs/codec_g711.h"
+#include "quillon/codecs/codec_opus.h"
 #include "quillon/codecs/codec_pcm_linear.h"
 
 namespace quillon {
@@ -50,7 +51,7 @@ Codec* createCodecFor(CompressionType code) {
     case CT_SILK_60MS:
       return nullptr;  // CodecSILK
     case CT_OPUS:
-      return nullptr;  // CodecOpus
+      return make<CodecOpus>();
     case CT_MSADPCM:
       return nullptr;  // CodecMSADPCM32
     case CT_PCM8:
