@@ -138,6 +138,9 @@ TEST_F(ToolTest, ReportsBadArgumentsAndInputs) {
 }
 
 TEST_F(ToolTest, DecodesAnHourInBoundedMemory) {
+#ifdef QUILLON_SANITIZED
+  GTEST_SKIP() << "sanitizer runtimes inflate the resident set; measured in the plain build";
+#endif
   const fs::path in = dir / "hour.alaw";
   {
     std::ofstream f(in, std::ios::binary);

@@ -176,7 +176,16 @@ int runCodecsCommand(int, char**) {
     bool dec = pcm, enc = pcm;
     if (!pcm) {
       if (Codec* d = Codec::getCodec(f, false)) { dec = true; d->close(); delete d; }
-      if (Codec* e = Codec::getCodec(f, true)) { enc = true; e->close(); delete e; }
+      // Some decode-only classes open for encoding but write nothing: try a second of silence.
+      EncodePipeline probe;
+      std::string ignored;
+      if (probe.open(c.code, f.getSamplesPerSecond(), ignored)) {
+        std::vector<int16_t> silence(f.getSamplesPerSecond());
+        std::vector<uint8_t> coded;
+        probe.feed(silence.data(), silence.size(), coded);
+        probe.flush(coded);
+        enc = !coded.empty();
+      }
     }
     std::printf("%-12s %5d %7u  %-24s %-7s %-7s %s\n", c.name, static_cast<int>(c.code), f.getSamplesPerSecond(),
                 c.framing, dec ? "yes" : "-", enc ? "yes" : "-", c.description);

@@ -88,7 +88,7 @@ bool encodeClip(CompressionType code, const std::vector<int16_t>& clip, uint32_t
   for (size_t i = 0; i < clip.size(); i += 4000) enc.feed(clip.data() + i, std::min<size_t>(4000, clip.size() - i), out);
   enc.flush(out);
   seconds = std::chrono::duration<double>(Clock::now() - t0).count();
-  return true;
+  return !out.empty();  // some decode-only codecs open for encoding but write nothing
 }
 
 // Decodes the whole stream, repeating until the timing is meaningful.
@@ -150,10 +150,10 @@ int runDemoCommand(int argc, char** argv) {
     std::string origin;
     if (encodeClip(c.code, source, rate, stream, encodeSeconds)) {
       origin = "encoded";
-    } else if (makeDemoStream(c.code, clip16, stream)) {
-      origin = "generated";
     } else {
-      continue;  // no way to make a stream for it in this build
+      stream.clear();
+      if (!makeDemoStream(c.code, clip16, stream)) continue;  // no way to make a stream in this build
+      origin = "generated";
     }
     writeStream(dir / (std::string(c.name) + (c.code == CT_G711_ALAW || c.code == CT_G711_ULAW || c.code == CT_PCM8 || c.code == CT_MSADPCM ? "-stream.wav" : "-stream.raw")), c.code, stream);
 
