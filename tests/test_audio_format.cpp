@@ -98,33 +98,33 @@ TEST(WaveHeader, PlainHeaderBytes) {
                                 2,   0,   16,  0,   'd',  'a',  't', 'a', 0x80, 0x3e, 0, 0};
   EXPECT_EQ(std::memcmp(&h, expected, 44), 0);
   ASSERT_TRUE(AudioFormat(CT_PCM16_16K, 1).fillWaveHeader(h, 0));
-  EXPECT_EQ(h.avgBytesPerSec, 32000u);
+  EXPECT_EQ(+h.avgBytesPerSec, 32000u);
   ASSERT_TRUE(AudioFormat(CT_G711_ULAW, 2).fillWaveHeader(h, 0));
-  EXPECT_EQ(h.formatTag, 7);
-  EXPECT_EQ(h.blockAlign, 2);
-  EXPECT_EQ(h.avgBytesPerSec, 16000u);
+  EXPECT_EQ(+h.formatTag, 7);
+  EXPECT_EQ(+h.blockAlign, 2);
+  EXPECT_EQ(+h.avgBytesPerSec, 16000u);
   ASSERT_TRUE(AudioFormat(CT_PCM8, 1).fillWaveHeader(h, 0));
-  EXPECT_EQ(h.bitsPerSample, 8);
+  EXPECT_EQ(+h.bitsPerSample, 8);
 }
 
 TEST(WaveHeader, MsAdpcmHeaderAndRefusals) {
   WaveHeader_ADPCM32 h;
   ASSERT_TRUE(AudioFormat(CT_MSADPCM, 1).fillWaveHeaderMSADPCM32(h, 2560));
   EXPECT_EQ(std::memcmp(h.riff, "RIFF", 4), 0);
-  EXPECT_EQ(h.riffSize, 2642u);
-  EXPECT_EQ(h.fmtSize, 50u);
-  EXPECT_EQ(h.formatTag, 2);
-  EXPECT_EQ(h.samplesPerBlock, 500);
-  EXPECT_EQ(h.avgBytesPerSec, 4096u);
-  EXPECT_EQ(h.extraSize, 32);
-  EXPECT_EQ(h.numCoefficients, 7);
-  EXPECT_EQ(h.coefficients[5][0], 460);
-  EXPECT_EQ(h.coefficients[6][1], -232);
+  EXPECT_EQ(+h.riffSize, 2642u);
+  EXPECT_EQ(+h.fmtSize, 50u);
+  EXPECT_EQ(+h.formatTag, 2);
+  EXPECT_EQ(+h.samplesPerBlock, 500);
+  EXPECT_EQ(+h.avgBytesPerSec, 4096u);
+  EXPECT_EQ(+h.extraSize, 32);
+  EXPECT_EQ(+h.numCoefficients, 7);
+  EXPECT_EQ(+h.coefficients[5][0], 460);
+  EXPECT_EQ(+h.coefficients[6][1], -232);
   EXPECT_EQ(std::memcmp(h.fact, "fact", 4), 0);
-  EXPECT_EQ(h.factSampleCount, 1u);
-  EXPECT_EQ(h.dataLength, 2560u);
+  EXPECT_EQ(+h.factSampleCount, 1u);
+  EXPECT_EQ(+h.dataLength, 2560u);
   ASSERT_TRUE(AudioFormat(CT_MSADPCM, 2).fillWaveHeaderMSADPCM32(h, 0));
-  EXPECT_EQ(h.samplesPerBlock, 244);
+  EXPECT_EQ(+h.samplesPerBlock, 244);
 
   WaveHeader plain;
   std::memset(&plain, 0xee, sizeof plain);
@@ -133,6 +133,6 @@ TEST(WaveHeader, MsAdpcmHeaderAndRefusals) {
   EXPECT_FALSE(g729.getWaveFormat(wfx));
   EXPECT_EQ(wfx.nSamplesPerSec, 8000u);  // written all the same
   EXPECT_FALSE(g729.fillWaveHeader(plain, 10));
-  EXPECT_EQ(plain.riffSize, 0xeeeeeeeeu);  // left untouched
+  EXPECT_EQ(+plain.riffSize, 0xeeeeeeeeu);  // left untouched
   EXPECT_FALSE(g729.fillWaveHeaderMSADPCM32(h, 10));
 }

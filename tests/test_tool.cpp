@@ -82,9 +82,9 @@ TEST_F(ToolTest, DecodesG711VectorsThroughBothPaths) {
     const std::vector<uint8_t> wav = readFile(dir / "t.wav");
     WaveHeader h;
     std::memcpy(&h, wav.data(), sizeof h);
-    EXPECT_EQ(h.dataLength, expected.size() * 2);
-    EXPECT_EQ(h.riffSize, h.dataLength + 36);
-    EXPECT_EQ(h.samplesPerSec, 8000u);
+    EXPECT_EQ(+h.dataLength, expected.size() * 2);
+    EXPECT_EQ(+h.riffSize, h.dataLength + 36);
+    EXPECT_EQ(+h.samplesPerSec, 8000u);
     EXPECT_EQ(quillon::test::firstMismatch(wavSamples(wav), expected), -1) << name;
     EXPECT_EQ(quillon::test::firstMismatch(wavSamples(readFile(dir / "a.wav")), expected), -1) << name;
     EXPECT_EQ(quillon::test::firstMismatch(quillon::test::readPcm16(dir / "r.pcm"), expected), -1) << name;
