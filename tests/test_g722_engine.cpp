@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "codecs/speech/codeclib/g722/g722_engine.h"
+#include "codecs/speech/codeclib/g722/g722_zero_section.h"
 #include "test_support.h"
 
 namespace fs = std::filesystem;
@@ -175,4 +176,39 @@ TEST(G722EngineState, ChunkingResetAndModeFallback) {
 
   EXPECT_EQ(firstMismatch(decodeAll(code, 0), whole), -1) << "mode 0 decodes as mode 1";
   EXPECT_EQ(firstMismatch(decodeAll(code, 9), decodeAll(code, 3)), -1) << "mode 9 decodes as mode 3";
+}
+
+// The plain and the SSE2 zero-section kernels agree on random states,
+// including coefficient sets whose products make the saturating sum path run.
+TEST(G722EngineState, ZeroSectionKernelsAgree) {
+#ifndef QUILLON_G722_SSE2
+  GTEST_SKIP() << "no SSE2 kernel in this build";
+#else
+  using quillon::g722::detail::ZeroSectionPlain;
+  using quillon::g722::detail::ZeroSectionSse2;
+  uint32_t x = 12345;
+  auto next = [&x]() { x ^= x << 13; x ^= x >> 17; x ^= x << 5; return x; };
+  int saturatedCases = 0;
+  for (int n = 0; n < 20000; n++) {
+    alignas(16) int16_t b1[8] = {}, d1[8] = {}, b2[8], d2[8];
+    const bool wide = n % 2 == 0;
+    for (int i = 0; i < 6; i++) {
+      b1[i] = static_cast<int16_t>(wide ? next() : next() % 2048 - 1024);
+      d1[i] = static_cast<int16_t>(static_cast<int>(next() % 20457) - 10228);
+    }
+    if (n % 7 == 0) d1[n % 6] = 0;
+    const int16_t d0 = n % 5 == 0 ? 0 : static_cast<int16_t>(static_cast<int>(next() % 20457) - 10228);
+    std::copy(b1, b1 + 8, b2);
+    std::copy(d1, d1 + 8, d2);
+    quillon::fx::BasicOps o1, o2;
+    const int16_t s1 = ZeroSectionPlain::update(b1, d1, d0, o1);
+    const int16_t s2 = ZeroSectionSse2::update(b2, d2, d0, o2);
+    ASSERT_EQ(s1, s2) << "case " << n;
+    ASSERT_TRUE(std::equal(b1, b1 + 6, b2)) << "case " << n;
+    ASSERT_TRUE(std::equal(d1, d1 + 8, d2)) << "case " << n;
+    ASSERT_EQ(o1.Overflow, o2.Overflow) << "case " << n;
+    saturatedCases += o1.Overflow;
+  }
+  EXPECT_GT(saturatedCases, 100);
+#endif
 }

@@ -1,4 +1,5 @@
 #include "codecs/speech/codeclib/g722/g722_engine.h"
+#include "codecs/speech/codeclib/g722/g722_zero_section.h"
 
 #include <array>
 #include <cstring>
@@ -215,15 +216,8 @@ inline int16_t SubBandCore::updatePredictor(Band& bd, int16_t d0) {
   const int16_t p0 = add(d0, bd.sz);
   const int16_t r0 = add(bd.s, d0);
 
-  // Zero section: sign-sign adaptation of b1..b6, then shift the history.
-  const int step = d0 == 0 ? 0 : 128;
-  const int sg0 = sign(d0);
-  for (int i = 0; i < 6; i++) {
-    const int g = sign(bd.d[i]) == sg0 ? step : -step;
-    bd.b[i] = static_cast<int16_t>(g + ((bd.b[i] * 32640) >> 15));
-  }
-  for (int i = 5; i > 0; i--) bd.d[i] = bd.d[i - 1];
-  bd.d[0] = d0;
+  // Zero section: coefficient adaptation, history shift and its estimate.
+  const int16_t sz = ZeroSection::update(bd.b, bd.d, d0, *this);
 
   // Pole section: a2 first, then a1 bounded by a2.
   const int sp0 = sign(p0), sp1 = sign(bd.p1), sp2 = sign(bd.p2);
@@ -241,9 +235,7 @@ inline int16_t SubBandCore::updatePredictor(Band& bd, int16_t d0) {
   bd.p2 = bd.p1;
   bd.p1 = p0;
 
-  // New estimate: zero section over the updated history, then the poles.
-  int16_t sz = 0;
-  for (int i = 5; i >= 0; i--) sz = add(sz, static_cast<int16_t>((bd.d[i] * 2 * bd.b[i]) >> 15));
+  // New estimate: the zero section's plus the poles'.
   bd.sz = sz;
   bd.r2 = bd.r1;
   bd.r1 = r0;

@@ -33,8 +33,10 @@ struct Band {
   int16_t a1, a2;     // pole coefficients
   int16_t p1, p2;     // past partially reconstructed signals
   int16_t r1, r2;     // past reconstructed signals
-  int16_t b[6];       // zero coefficients b1..b6
-  int16_t d[6];       // past quantized differences d(n-1)..d(n-6)
+  // Zero section, padded to 8 lanes so the loops over it vectorize; the
+  // padding lanes of d stay 0, so those of b never contribute.
+  alignas(16) int16_t b[8];  // zero coefficients b1..b6
+  alignas(16) int16_t d[8];  // past quantized differences d(n-1)..d(n-6)
 };
 
 // What encoder and decoder share: both bands' predictor adaptation, which
