@@ -159,9 +159,9 @@ constexpr int kDecision2 = 564 * 8;
 // the second.
 constexpr int16_t kQmf[24] = {6,    -22,  -22, 106,  24,  -312, 64,   724,  -420, -1610, 1902, 7752,
                               7752, 1902, -1610, -420, 724, 64,   -312, 24,   106,  -22,   -22,  6};
-constexpr std::array<int16_t, 24> maskedQmf(int parity, int sign) {
+constexpr std::array<int16_t, 24> maskedQmf(int parity, int otherSign) {
   std::array<int16_t, 24> t{};
-  for (int m = 0; m < 24; m++) t[m] = static_cast<int16_t>((m & 1) == parity ? kQmf[m] : sign * kQmf[m]);
+  for (int m = 0; m < 24; m++) t[m] = static_cast<int16_t>((m & 1) == parity ? kQmf[m] : otherSign * kQmf[m]);
   return t;
 }
 alignas(16) constexpr std::array<int16_t, 24> kQmfAll = maskedQmf(1, 1);
