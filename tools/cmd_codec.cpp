@@ -7,7 +7,9 @@
 #include "codec/codec_registry.h"
 #include "codec_names.h"
 #include "commands.h"
+#include "convert.h"
 #include "pipeline.h"
+#include "resampler_choice.h"
 #include "wav_file.h"
 
 using namespace TAV;
@@ -35,19 +37,20 @@ bool hasWaveDescription(CompressionType code) {
 }  // namespace
 
 int runDecodeCommand(int argc, char** argv) {
-  DecodeOptions options;
-  bool haveCodec = false, raw = false;
+  ConvertOptions options;
   std::vector<std::string> files;
   for (int i = 1; i < argc; i++) {
     const std::string a = argv[i];
     if (a == "--codec" && i + 1 < argc) {
       if (!parseCodec(argv[++i], options.code)) return usageError("decode", std::string("unknown codec '") + argv[i] + "'");
-      haveCodec = true;
+      options.haveCodec = true;
     } else if (a == "--rate" && i + 1 < argc) {
       options.rate = static_cast<uint32_t>(std::strtoul(argv[++i], nullptr, 10));
       if (options.rate == 0) return usageError("decode", "--rate needs a number of Hz");
+    } else if (a == "--resampler" && i + 1 < argc) {
+      if (!selectResampler(argv[++i])) return usageError("decode", std::string("unknown resampler '") + argv[i] + "'");
     } else if (a == "--raw") {
-      raw = true;
+      options.raw = true;
     } else if (a == "--api") {
       options.useApi = true;
     } else if (!a.empty() && a[0] == '-' && a != "-") {
@@ -56,51 +59,35 @@ int runDecodeCommand(int argc, char** argv) {
       files.push_back(a);
     }
   }
-  if (!haveCodec) return usageError("decode", "--codec is required");
   if (files.size() != 2) return usageError("decode", "expected INPUT and OUTPUT");
-
-  DecodePipeline pipeline;
+  ConvertResult result;
   std::string error;
-  if (!pipeline.open(options, error)) return fail(error);
-
-  FILE* in = std::fopen(files[0].c_str(), "rb");
-  if (!in) return fail("cannot open " + files[0] + ": " + std::strerror(errno));
-  std::vector<uint8_t> chunk(kReadChunk);
-  size_t n = std::fread(chunk.data(), 1, chunk.size(), in);
-  if (n == 0) {
-    std::fclose(in);
-    return fail(files[0] + " is empty");
-  }
-
-  const uint32_t rate = pipeline.outputRate();
-  OutputFile output;
-  if (!output.open(files[1], AudioFormat(rate == 16000 ? CT_PCM16_16K : CT_PCM16, 1), rate,
-                   raw ? OutputFile::Header::None : OutputFile::Header::Plain, error)) {
-    std::fclose(in);
-    return fail(error);
-  }
-  std::vector<int16_t> pcm;
-  int status = 0;
-  while (n > 0) {
-    pcm.clear();
-    if (!pipeline.feed(chunk.data(), n, pcm, error)) {
-      status = fail(error);
-      break;
-    }
-    if (!output.write(pcm.data(), pcm.size() * 2)) {
-      status = fail("cannot write " + files[1] + ": " + std::strerror(errno));
-      break;
-    }
-    n = std::fread(chunk.data(), 1, chunk.size(), in);
-  }
-  if (status == 0 && std::ferror(in)) status = fail("read error on " + files[0]);
-  std::fclose(in);
-  if (!output.finish(error)) return fail(error);
-  if (status != 0) return status;
-  if (pipeline.consumedBytes() == 0) return fail(files[0] + " holds no whole frame of " + codecName(options.code));
-  if (pipeline.leftoverBytes())
+  if (!convertFile(files[0], files[1], options, result, error)) return fail(error);
+  if (!options.haveCodec)
+    std::fprintf(stderr, "quillon: %s: %s, %s\n", files[0].c_str(), result.probe.container.c_str(),
+                 codecName(result.code).c_str());
+  if (result.leftoverBytes)
     std::fprintf(stderr, "quillon: warning: %zu trailing bytes do not make a whole frame or packet and were not decoded\n",
-                 pipeline.leftoverBytes());
+                 result.leftoverBytes);
+  return 0;
+}
+
+int runProbeCommand(int argc, char** argv) {
+  if (argc != 2) return usageError("probe", "expected FILE");
+  ProbeResult probe;
+  std::string error;
+  if (!probeFile(argv[1], probe, error)) return fail(error);
+  std::printf("file:      %s\ncontainer: %s\n", argv[1], probe.container.c_str());
+  if (!probe.detail.empty()) std::printf("details:   %s\n", probe.detail.c_str());
+  if (!probe.refusal.empty()) {
+    std::printf("decodable: no (%s)\n", probe.refusal.c_str());
+    return 1;
+  }
+  if (probe.code == CT_NONE) {
+    std::printf("decodable: only with --codec (a raw stream)\n");
+    return 1;
+  }
+  std::printf("codec:     %s (code %d)\n", codecName(probe.code).c_str(), static_cast<int>(probe.code));
   return 0;
 }
 

@@ -7,5 +7,7 @@ int runDecodeCommand(int argc, char** argv);
 int runEncodeCommand(int argc, char** argv);
 int runCodecsCommand(int argc, char** argv);
 int runDemoCommand(int argc, char** argv);
+int runProbeCommand(int argc, char** argv);
+int runBatchCommand(int argc, char** argv);
 
 #endif

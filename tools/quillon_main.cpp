@@ -11,10 +11,19 @@ void printHelp() {
   std::printf(
       "usage: quillon [--trace] COMMAND ...\n"
       "\n"
-      "  decode --codec CODE [--rate 8000] [--raw] [--api] INPUT OUTPUT\n"
-      "      decode a raw coded stream to 16-bit PCM: a WAVE file, or bare\n"
-      "      little-endian samples with --raw. --rate 8000 halves 16 kHz codecs;\n"
-      "      --api decodes through the plain C exports instead of the transcoder.\n"
+      "  decode [--codec CODE] [--rate 8000] [--resampler mean|halfband] [--raw] [--api] INPUT OUTPUT\n"
+      "      decode a recording to 16-bit PCM: a WAVE file, or bare little-endian\n"
+      "      samples with --raw. Without --codec the file's container says what it\n"
+      "      is (WAVE, AMR-WB storage, SILK_V3, Ogg Opus); raw streams need --codec,\n"
+      "      which always wins. --rate 8000 halves 16 kHz codecs, by pair means or\n"
+      "      with --resampler halfband by an anti-aliasing low-pass; --api decodes\n"
+      "      through the plain C exports instead of the transcoder.\n"
+      "  probe FILE\n"
+      "      say what a file is and whether it can be decoded.\n"
+      "  batch --codec CODE|auto [--jobs N] [--force] [--rate 8000] [--resampler R] IN_DIR OUT_DIR\n"
+      "      decode every file under IN_DIR to OUT_DIR/<same path>.wav in N threads;\n"
+      "      files already converted are skipped unless --force; a summary is\n"
+      "      written to OUT_DIR/quillon-batch-summary.txt.\n"
       "  encode --codec CODE INPUT.wav OUTPUT\n"
       "      encode a 16-bit PCM mono WAVE file (8000 or 16000 Hz).\n"
       "  codecs\n"
@@ -50,6 +59,8 @@ int main(int argc, char** argv) {
   if (std::strcmp(command, "encode") == 0) return runEncodeCommand(subArgc, subArgv);
   if (std::strcmp(command, "codecs") == 0) return runCodecsCommand(subArgc, subArgv);
   if (std::strcmp(command, "demo") == 0) return runDemoCommand(subArgc, subArgv);
+  if (std::strcmp(command, "probe") == 0) return runProbeCommand(subArgc, subArgv);
+  if (std::strcmp(command, "batch") == 0) return runBatchCommand(subArgc, subArgv);
   if (std::strcmp(command, "help") == 0 || std::strcmp(command, "--help") == 0 || std::strcmp(command, "-h") == 0) {
     printHelp();
     return 0;

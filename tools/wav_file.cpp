@@ -43,6 +43,7 @@ bool WavReader::open(const std::string& path, std::string& error) {
       formatTag = le16(fmt);
       channels = le16(fmt + 2);
       sampleRate = le32(fmt + 4);
+      blockAlign = le16(fmt + 12);
       bitsPerSample = le16(fmt + 14);
       haveFormat = true;
       if (std::fseek(m_file, static_cast<long>(size - 16 + (size & 1)), SEEK_CUR) != 0) {

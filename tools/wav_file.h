@@ -24,6 +24,7 @@ class WavReader {
   uint32_t sampleRate = 0;
   uint16_t bitsPerSample = 0;
   uint32_t dataBytes = 0;
+  uint16_t blockAlign = 0;
 
  private:
   FILE* m_file = nullptr;

@@ -11,6 +11,7 @@
 #include "quillon/transcoder.h"
 #include "quillon/decoder.h"
 #include "quillon/ring_buffer.h"
+#include "quillon/halfband_resampler.h"
 #include "quillon/trace.h"
 #include "quillon/codecs/codec_g711.h"
 #include "quillon/codecs/codec_pcm_linear.h"
