@@ -1,5 +1,5 @@
-// The tool's sub-commands. Each takes argv from the command name on and
-// returns the process exit status.
+// The tool's sub-commands. Each takes argv from the command name on
+// (argv[0] is the command name) and returns the process exit status.
 #ifndef QUILLON_TOOLS_COMMANDS_H
 #define QUILLON_TOOLS_COMMANDS_H
 
@@ -9,5 +9,9 @@ int runCodecsCommand(int argc, char** argv);
 int runDemoCommand(int argc, char** argv);
 int runProbeCommand(int argc, char** argv);
 int runBatchCommand(int argc, char** argv);
+// quillon text --from NAME --to NAME [--filter upper|lower|sort] [IN [OUT]]
+int runTextCommand(int argc, char** argv);
+// quillon host
+int runHostCommand(int argc, char** argv);
 
 #endif

@@ -26,6 +26,10 @@ void printHelp() {
       "      written to OUT_DIR/quillon-batch-summary.txt.\n"
       "  encode --codec CODE INPUT.wav OUTPUT\n"
       "      encode a 16-bit PCM mono WAVE file (8000 or 16000 Hz).\n"
+      "  text --from NAME --to NAME [--filter upper|lower|sort] [IN [OUT]]\n"
+      "      convert text between character sets (standard input/output by default).\n"
+      "  host\n"
+      "      print host name, IPv4 address, user, remote-session state and version.\n"
       "  codecs\n"
       "      list the codecs and what this build can do with each.\n"
       "  demo [OUTDIR]\n"
@@ -61,6 +65,8 @@ int main(int argc, char** argv) {
   if (std::strcmp(command, "demo") == 0) return runDemoCommand(subArgc, subArgv);
   if (std::strcmp(command, "probe") == 0) return runProbeCommand(subArgc, subArgv);
   if (std::strcmp(command, "batch") == 0) return runBatchCommand(subArgc, subArgv);
+  if (std::strcmp(command, "text") == 0) return runTextCommand(subArgc, subArgv);
+  if (std::strcmp(command, "host") == 0) return runHostCommand(subArgc, subArgv);
   if (std::strcmp(command, "help") == 0 || std::strcmp(command, "--help") == 0 || std::strcmp(command, "-h") == 0) {
     printHelp();
     return 0;

@@ -17,5 +17,7 @@
 #include "quillon/codecs/codec_pcm_linear.h"
 #include "quillon/codecs/codec_opus.h"
 #include "quillon/quillon_c.h"
+#include "quillon/charset.h"
+#include "quillon/host_info.h"
 
 #endif
