@@ -2,6 +2,9 @@
 
 #include <new>
 
+#include "quillon/codecs/codec_g72x.h"
+#include "quillon/codecs/codec_msadpcm32.h"
+
 namespace quillon {
 
 using namespace TAV;
@@ -30,7 +33,7 @@ Codec* createCodecFor(CompressionType code) {
     case CT_G726_32_LSB:
     case CT_G726_24_LSB:
     case CT_G726_16_LSB:
-      return nullptr;  // CodecG72X
+      return make<CodecG72X>();
     case CT_G729:
     case CT_G722:
     case CT_G722_MODE2:
@@ -49,7 +52,7 @@ Codec* createCodecFor(CompressionType code) {
     case CT_OPUS:
       return nullptr;  // CodecOpus
     case CT_MSADPCM:
-      return nullptr;  // CodecMSADPCM32
+      return make<CodecMSADPCM32>();
     case CT_PCM8:
       return nullptr;  // CodecPCMLinear
     default:
