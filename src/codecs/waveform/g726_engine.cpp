@@ -3,6 +3,12 @@
 #include <bit>
 #include <cstdlib>
 
+#if defined(_MSC_VER)
+#define QUILLON_G726_INLINE __forceinline
+#else
+#define QUILLON_G726_INLINE inline __attribute__((always_inline))
+#endif
+
 namespace quillon {
 
 // Everything that differs between the four rates. The per-codeword tables
@@ -172,7 +178,7 @@ void G726Engine::reset() {
   m_s.sr[0] = m_s.sr[1] = 32;
 }
 
-G726Engine::StepResult G726Engine::step(unsigned code) {
+QUILLON_G726_INLINE G726Engine::StepResult G726Engine::step(unsigned code) {
   State& s = m_s;
   const Rate& rate = *m_rate;
 
@@ -301,8 +307,10 @@ G726Engine::StepResult G726Engine::step(unsigned code) {
   return {sr, se, y};
 }
 
+int16_t G726Engine::decodeLinear(unsigned code) { return static_cast<int16_t>(step(code & m_mask).sr * 4); }
+
 void G726Engine::decodeLinear(const uint8_t* codes, size_t n, int16_t* out) {
-  for (size_t i = 0; i < n; i++) out[i] = decodeLinear(codes[i]);
+  for (size_t i = 0; i < n; i++) out[i] = static_cast<int16_t>(step(codes[i] & m_mask).sr * 4);
 }
 
 int G726Engine::decode(unsigned code, int coding) {

@@ -39,12 +39,10 @@ class G726Engine {
   // touching the state for any other coding.
   int decode(unsigned code, int coding);
 
-  // Linear-output fast path, one codeword.
-  int16_t decodeLinear(unsigned code) {
-    // The x4 scaling wraps to 16 bits when the reconstructed signal leaves
-    // the 14-bit range, exactly like the widely deployed decoders.
-    return static_cast<int16_t>(step(code & m_mask).sr * 4);
-  }
+  // Linear-output fast path, one codeword. The x4 scaling wraps to 16 bits
+  // when the reconstructed signal leaves the 14-bit range, exactly like the
+  // widely deployed decoders.
+  int16_t decodeLinear(unsigned code);
 
   // Linear output for n codewords, one per byte in `codes`.
   void decodeLinear(const uint8_t* codes, size_t n, int16_t* out);
