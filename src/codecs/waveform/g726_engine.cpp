@@ -1,5 +1,6 @@
 #include "codecs/waveform/g726_engine.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdlib>
 
@@ -102,11 +103,8 @@ inline int floatMultiply(int an, int srn) {
 // A magnitude (0..32767) and sign in the 11-bit floating format; negative
 // values are kept as (format - 0x400) so that the int16 sign carries the sign.
 inline int16_t toFloat(int mag, bool negative) {
-  int v = 32;  // zero: exponent 0, mantissa 32
-  if (mag != 0) {
-    const int e = bitWidth(mag);
-    v = (e << 6) + ((mag << 6) >> e);
-  }
+  const int e = bitWidth(mag);
+  const int v = mag == 0 ? 32 : (e << 6) + ((mag << 6) >> e);  // zero: exponent 0, mantissa 32
   return static_cast<int16_t>(negative ? v - 0x400 : v);
 }
 
@@ -192,17 +190,13 @@ QUILLON_G726_INLINE G726Engine::StepResult G726Engine::step(unsigned code) {
   const int se = sei >> 1;
   const int sez = sezi >> 1;
 
-  // Quantizer scale factor: a mix of the fast and slow factors steered by AP.
+  // Quantizer scale factor: a mix of the fast and slow factors steered by AP
+  // (a negative difference is rounded up, as in the reference).
   int y = s.yu;
   if (s.ap < 256) {
     const int slow = s.yl >> 6;
     const int dif = s.yu - slow;
-    const int al = s.ap >> 2;
-    y = slow;
-    if (dif > 0)
-      y += (dif * al) >> 6;
-    else if (dif < 0)
-      y += (dif * al + 0x3F) >> 6;
+    y = slow + ((dif * (s.ap >> 2) + (dif < 0 ? 0x3F : 0)) >> 6);
   }
 
   // Inverse quantizer: log-domain table value plus scale, then antilog.
@@ -225,10 +219,7 @@ QUILLON_G726_INLINE G726Engine::StepResult G726Engine::step(unsigned code) {
   const bool transition = s.td != 0 && dqMag > ((thr + (thr >> 1)) >> 1);
 
   // Scale factors.
-  int yu = y + ((e.wi - y) >> 5);
-  yu = static_cast<int16_t>(yu);
-  if (yu < 544) yu = 544;
-  if (yu > 5120) yu = 5120;
+  const int yu = std::clamp<int>(static_cast<int16_t>(y + ((e.wi - y) >> 5)), 544, 5120);
   s.yu = static_cast<int16_t>(yu);
   s.yl += yu + ((-s.yl) >> 6);
 
@@ -238,49 +229,33 @@ QUILLON_G726_INLINE G726Engine::StepResult G726Engine::step(unsigned code) {
     for (int16_t& b : s.b) b = 0;
   } else {
     const int pks1 = pk0 ^ s.pk[0];
+    const bool moved = dqsez != 0;
 
-    // Second pole coefficient.
-    a2 = static_cast<int16_t>(s.a[1] - (s.a[1] >> 7));
-    if (dqsez != 0) {
-      const int fa1 = pks1 ? s.a[0] : -s.a[0];
-      if (fa1 < -8191)
-        a2 -= 0x100;
-      else if (fa1 > 8191)
-        a2 += 0xFF;
-      else
-        a2 += fa1 >> 5;
-      a2 = static_cast<int16_t>(a2);
-      if (pk0 ^ s.pk[1]) {
-        if (a2 <= -12160)
-          a2 = -12288;
-        else if (a2 >= 12416)
-          a2 = 12288;
-        else
-          a2 -= 0x80;
-      } else {
-        if (a2 <= -12416)
-          a2 = -12288;
-        else if (a2 >= 12160)
-          a2 = 12288;
-        else
-          a2 += 0x80;
-      }
-    }
+    // Second pole coefficient: leak, then (when the partial signal is not
+    // zero) a step from A1's sign agreement limited to -256..255 and a
+    // +-128 step from PK0 against PK2, kept within +-12288. Written as
+    // clamps, which is what the reference's limit cases amount to.
+    a2 = s.a[1] - (s.a[1] >> 7);
+    const int fa1 = pks1 ? s.a[0] : -s.a[0];
+    const int stepped = a2 + std::clamp(fa1 >> 5, -256, 255) + ((pk0 ^ s.pk[1]) ? -128 : 128);
+    a2 = moved ? std::clamp(stepped, -12288, 12288) : a2;
     s.a[1] = static_cast<int16_t>(a2);
 
     // First pole coefficient, limited by the second.
     int a1 = s.a[0] - (s.a[0] >> 8);
-    if (dqsez != 0) a1 += pks1 ? -192 : 192;
-    const int a1Limit = static_cast<int16_t>(15360 - a2);
-    if (a1 < -a1Limit) a1 = -a1Limit;
-    if (a1 > a1Limit) a1 = a1Limit;
-    s.a[0] = static_cast<int16_t>(a1);
+    a1 += moved ? (pks1 ? -192 : 192) : 0;
+    const int a1Limit = 15360 - a2;
+    s.a[0] = static_cast<int16_t>(std::clamp(a1, -a1Limit, a1Limit));
 
     // Zero coefficients: leak, then step towards the sign agreement.
-    for (int i = 0; i < 6; i++) {
-      int b = s.b[i] - (s.b[i] >> rate.leakShift);
-      if (dqMag != 0) b += (dqNegative == (s.dq[i] < 0)) ? 128 : -128;
-      s.b[i] = static_cast<int16_t>(b);
+    const int leak = rate.leakShift;
+    if (dqMag != 0) {
+      for (int i = 0; i < 6; i++) {
+        const int b = s.b[i] - (s.b[i] >> leak);
+        s.b[i] = static_cast<int16_t>(b + ((dqNegative == (s.dq[i] < 0)) ? 128 : -128));
+      }
+    } else {
+      for (int i = 0; i < 6; i++) s.b[i] = static_cast<int16_t>(s.b[i] - (s.b[i] >> leak));
     }
   }
 
@@ -288,7 +263,9 @@ QUILLON_G726_INLINE G726Engine::StepResult G726Engine::step(unsigned code) {
   for (int i = 5; i > 0; i--) s.dq[i] = s.dq[i - 1];
   s.dq[0] = toFloat(dqMag, dqNegative);
   s.sr[1] = s.sr[0];
-  s.sr[0] = sr >= 0 ? toFloat(sr, false) : toFloat(sr == -32768 ? 0 : -sr, true);
+  const bool srNegative = sr < 0;
+  const int srMag = srNegative ? (-sr) & 0x7FFF : sr;  // -32768 counts as a negative zero
+  s.sr[0] = toFloat(srMag, srNegative);
   s.pk[1] = s.pk[0];
   s.pk[0] = static_cast<int16_t>(pk0);
 
@@ -296,13 +273,9 @@ QUILLON_G726_INLINE G726Engine::StepResult G726Engine::step(unsigned code) {
   s.td = (!transition && a2 < -11776) ? 1 : 0;
   s.dms = static_cast<int16_t>(s.dms + ((e.fi - s.dms) >> 5));
   s.dml = static_cast<int16_t>(s.dml + ((static_cast<int16_t>(e.fi << 2) - s.dml) >> 7));
-  if (transition) {
-    s.ap = 256;
-  } else if (y < 1536 || s.td || std::abs((s.dms << 2) - s.dml) >= (s.dml >> 3)) {
-    s.ap = static_cast<int16_t>(s.ap + ((0x200 - s.ap) >> 4));
-  } else {
-    s.ap = static_cast<int16_t>(s.ap + ((-s.ap) >> 4));
-  }
+  const bool unsteady = y < 1536 || s.td || std::abs((s.dms << 2) - s.dml) >= (s.dml >> 3);
+  const int apTarget = unsteady ? 0x200 : 0;
+  s.ap = static_cast<int16_t>(transition ? 256 : s.ap + ((apTarget - s.ap) >> 4));
 
   return {sr, se, y};
 }
