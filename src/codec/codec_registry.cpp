@@ -3,6 +3,8 @@
 #include <new>
 
 #include "quillon/codecs/codec_g711.h"
+#include "quillon/codecs/codec_g72x.h"
+#include "quillon/codecs/codec_msadpcm32.h"
 #include "quillon/codecs/codec_opus.h"
 #include "quillon/codecs/codec_pcm_linear.h"
 
@@ -34,7 +36,7 @@ Codec* createCodecFor(CompressionType code) {
     case CT_G726_32_LSB:
     case CT_G726_24_LSB:
     case CT_G726_16_LSB:
-      return nullptr;  // CodecG72X
+      return make<CodecG72X>();
     case CT_G729:
     case CT_G722:
     case CT_G722_MODE2:
@@ -53,7 +55,7 @@ Codec* createCodecFor(CompressionType code) {
     case CT_OPUS:
       return make<CodecOpus>();
     case CT_MSADPCM:
-      return nullptr;  // CodecMSADPCM32
+      return make<CodecMSADPCM32>();
     case CT_PCM8:
       return make<CodecPCMLinear>();
     default:
