@@ -19,7 +19,9 @@ constexpr int16_t alawExpand(uint8_t code) {
   return static_cast<int16_t>((v & 0x80) ? t : -t);
 }
 
-constexpr uint8_t alawCompress(int16_t sample) {
+// The sample may lie outside 16 bits (the G.726 tandem check passes such
+// values); the segment search then saturates to the largest code.
+constexpr uint8_t alawCompress(int sample) {
   constexpr int16_t kSegmentEnd[8] = {0x1f, 0x3f, 0x7f, 0xff, 0x1ff, 0x3ff, 0x7ff, 0xfff};
   int p = sample >> 3;
   int mask = 0xd5;
@@ -40,7 +42,7 @@ constexpr int16_t ulawExpand(uint8_t code) {
   return static_cast<int16_t>((u & 0x80) ? (0x84 - t) : (t - 0x84));
 }
 
-constexpr uint8_t ulawCompress(int16_t sample) {
+constexpr uint8_t ulawCompress(int sample) {
   constexpr int16_t kSegmentEnd[8] = {0x3f, 0x7f, 0xff, 0x1ff, 0x3ff, 0x7ff, 0xfff, 0x1fff};
   int p = sample >> 2;
   int mask = 0xff;

@@ -1,5 +1,7 @@
 #include "codecs/waveform/g726_engine.h"
 
+#include "codecs/waveform/g711.h"
+
 #include <algorithm>
 #include <bit>
 #include <cstdlib>
@@ -106,50 +108,6 @@ inline int16_t toFloat(int mag, bool negative) {
   const int e = bitWidth(mag);
   const int v = mag == 0 ? 32 : (e << 6) + ((mag << 6) >> e);  // zero: exponent 0, mantissa 32
   return static_cast<int16_t>(negative ? v - 0x400 : v);
-}
-
-// ---- Companding at 16-bit scale (G.711 reference formulas) ----------------
-// The compressors take an int so that out-of-range input saturates.
-
-int aLawExpand(int code) {
-  const int v = code ^ 0x55;
-  int t = (v & 0x0F) << 4;
-  const int seg = (v >> 4) & 7;
-  t = seg == 0 ? t + 8 : (t + 0x108) << (seg - 1);
-  return (v & 0x80) ? t : -t;
-}
-
-int aLawCompress(int x) {
-  int p = x >> 3;
-  int mask = 0xD5;
-  if (p < 0) {
-    mask = 0x55;
-    p = -p - 1;
-  }
-  if (p > 0xFFF) return 0x7F ^ mask;
-  const int seg = p > 0x1F ? bitWidth(p) - 5 : 0;
-  const int mant = (p >> (seg > 1 ? seg : 1)) & 0x0F;
-  return ((seg << 4) | mant) ^ mask;
-}
-
-int muLawExpand(int code) {
-  const int u = ~code & 0xFF;
-  const int t = (((u & 0x0F) << 3) + 0x84) << ((u >> 4) & 7);
-  return (u & 0x80) ? 0x84 - t : t - 0x84;
-}
-
-int muLawCompress(int x) {
-  int p = x >> 2;
-  int mask = 0xFF;
-  if (p < 0) {
-    mask = 0x7F;
-    p = -p;
-  }
-  if (p > 8159) p = 8159;
-  p += 33;
-  const int seg = p > 0x3F ? bitWidth(p) - 6 : 0;
-  if (seg > 7) return 0x7F ^ mask;
-  return ((seg << 4) | ((p >> (seg + 1)) & 0x0F)) ^ mask;
 }
 
 }  // namespace
@@ -325,8 +283,8 @@ int G726Engine::quantize(int d, int y) const {
 // towards it, so that tandem ADPCM/PCM/ADPCM links do not drift.
 int G726Engine::tandemALaw(int sr, int se, int y, unsigned code) const {
   if (sr <= -32768) sr = -1;
-  const int sp = aLawCompress((sr >> 1) * 8);
-  const int dx = static_cast<int16_t>((aLawExpand(sp) >> 2) - se);
+  const int sp = g711::alawCompress((sr >> 1) * 8);
+  const int dx = static_cast<int16_t>((g711::alawExpand(sp) >> 2) - se);
   const unsigned id = static_cast<unsigned>(quantize(dx, y));
   if (id == code) return sp;
   const unsigned sign = m_rate->signBit;
@@ -343,8 +301,8 @@ int G726Engine::tandemALaw(int sr, int se, int y, unsigned code) const {
 
 int G726Engine::tandemMuLaw(int sr, int se, int y, unsigned code) const {
   if (sr <= -32768) sr = 0;
-  const int sp = muLawCompress(sr * 4);
-  const int dx = static_cast<int16_t>((muLawExpand(sp) >> 2) - se);
+  const int sp = g711::ulawCompress(sr * 4);
+  const int dx = static_cast<int16_t>((g711::ulawExpand(sp) >> 2) - se);
   const unsigned id = static_cast<unsigned>(quantize(dx, y));
   if (id == code) return sp;
   const unsigned sign = m_rate->signBit;
