@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "quillon/codecs/codec_silk.h"
+
 namespace quillon {
 
 using namespace TAV;
@@ -45,7 +47,7 @@ Codec* createCodecFor(CompressionType code) {
     case CT_SILK_30MS:
     case CT_SILK_40MS:
     case CT_SILK_60MS:
-      return nullptr;  // CodecSILK
+      return make<CodecSILK>();
     case CT_OPUS:
       return nullptr;  // CodecOpus
     case CT_MSADPCM:
