@@ -121,3 +121,49 @@ TEST(SilkDecoder, EmptyPacketsDependOnTheFourBytesAtThePayloadPointer) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(SilkDecoder, EntryPointsReportTheSdkErrorCodes) {
+  int32_t size = 0;
+  EXPECT_EQ(silk::getDecoderSize(&size), 0);
+  EXPECT_EQ(size, static_cast<int32_t>(sizeof(silk::DecoderState)));
+
+  Engine e;
+  int16_t out[960];
+  int16_t n = 0;
+  uint8_t junk[1100];
+  for (size_t i = 0; i < sizeof(junk); i++) junk[i] = static_cast<uint8_t>(i * 37 + 11);
+
+  // The first call after initialisation (re)starts the output resampler,
+  // whose result replaces the frame's: a lost frame, reported as 0.
+  const uint8_t zeros[4] = {};
+  EXPECT_EQ(silk::decode(e.mem.data(), &e.ctl, 1, zeros, 0, out, &n), 0);
+  // Empty payload: payload error, one concealed 20 ms frame, packet done.
+  EXPECT_EQ(silk::decode(e.mem.data(), &e.ctl, 0, zeros, 0, out, &n), silk::kErrPayloadError);
+  EXPECT_EQ(n, 160);
+  EXPECT_EQ(e.ctl.moreInternalDecoderFrames, 0);
+  EXPECT_EQ(e.ctl.frameSize, 160);
+
+  // Oversized payload: concealed and reported as too large.
+  n = 0;
+  EXPECT_EQ(silk::decode(e.mem.data(), &e.ctl, 0, junk, 1025, out, &n), silk::kErrPayloadTooLarge);
+  EXPECT_EQ(n, 160);
+
+  // Output rates outside 8..48 kHz are refused after the frame is decoded.
+  e.ctl.API_sampleRate = 7999;
+  EXPECT_EQ(silk::decode(e.mem.data(), &e.ctl, 1, zeros, 0, out, &n), silk::kErrInvalidSampleRate);
+  e.ctl.API_sampleRate = 48001;
+  EXPECT_EQ(silk::decode(e.mem.data(), &e.ctl, 1, zeros, 0, out, &n), silk::kErrInvalidSampleRate);
+  e.ctl.API_sampleRate = 8000;
+
+  // Arbitrary bytes: every call yields one frame, never more than five per packet.
+  for (int len = 1; len < 200; len += 7) {
+    std::vector<int16_t> pcm;
+    const int calls = e.packet(junk, len, pcm);
+    EXPECT_LE(calls, 5);
+    EXPECT_EQ(pcm.size(), static_cast<size_t>(calls) * 160);
+  }
+}
+
+}  // namespace
