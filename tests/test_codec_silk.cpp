@@ -135,4 +135,23 @@ TEST(CodecSILK, EmptyPacketsYieldOneConcealedFrameEach) {
   EXPECT_EQ(left, 0u);
 }
 
+TEST(CodecSILK, FiveFramePacketsNeedTheirWholeOutputRoom) {
+  QUILLON_REQUIRE_VECTORS(dir, "silk");
+  const auto s = quillon::test::readFile(dir / "o09_hts2_api16k_wb_100ms_16k.silk");  // 100 ms packets
+  ASSERT_GT(s.size(), 2u);
+  const uint32 first = 2 + static_cast<uint32>(s[0] | (s[1] << 8));
+  std::vector<int16_t> out(800);
+  auto c = openSilk();
+  uint32 left = first;
+  EXPECT_EQ(c->decode(s.data(), left, out.data(), 1599), 0u);
+  EXPECT_EQ(left, 0u);
+  auto d = openSilk();
+  left = first;
+  EXPECT_EQ(d->decode(s.data(), left, out.data(), 1600), 1600u);
+  // A closed codec decodes nothing.
+  EXPECT_TRUE(d->close());
+  left = first;
+  EXPECT_EQ(d->decode(s.data(), left, out.data(), 1600), 0u);
+}
+
 }  // namespace

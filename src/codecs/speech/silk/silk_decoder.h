@@ -59,7 +59,7 @@ struct RangeDecoder {
   int32_t index;
   int32_t length;
   int32_t error;
-  uint8_t data[kMaxPayloadBytes];
+  uint8_t data[kMaxPayloadBytes + 4];  // bytes are read 4 behind the copy's start
 };
 
 struct PlcState {
