@@ -117,3 +117,29 @@ TEST(BasicOps, FlagsBelongToEachInstance) {
   EXPECT_TRUE(a.Overflow);
   EXPECT_FALSE(b.Overflow);
 }
+
+// The SigProc (SILK) family: floor products, wrap-around sums, saturating
+// shift and the approximate divisions at their edges.
+TEST(BasicOps, SigProcOperatorsAtTheirEdges) {
+  EXPECT_EQ(BasicOps::sp_smulwb(-1, 1), -1);                       // floor, not truncation
+  EXPECT_EQ(BasicOps::sp_smulwb(0x7fffffff, 0x18000), -1073741824);  // b taken as int16
+  EXPECT_EQ(BasicOps::sp_smulwt(65536, 3 << 16), 3);
+  EXPECT_EQ(BasicOps::sp_smulww(MAX_32, MAX_32), static_cast<Word32>((static_cast<int64_t>(MAX_32) * MAX_32) >> 16));
+  EXPECT_EQ(BasicOps::sp_smlawb(MAX_32, 65536, 1), MIN_32);        // wraps
+  EXPECT_EQ(BasicOps::sp_smmul(MIN_32, MIN_32), 0x40000000);
+  EXPECT_EQ(BasicOps::sp_rshift_round(-3, 1), -1);
+  EXPECT_EQ(BasicOps::sp_rshift_round(5, 2), 1);
+  EXPECT_EQ(BasicOps::sp_rshift_round(6, 2), 2);
+  EXPECT_EQ(BasicOps::sp_lshift_sat32(0x10000000, 4), static_cast<Word32>(0x7ffffff0));
+  EXPECT_EQ(BasicOps::sp_lshift_sat32(-0x10000000, 4), MIN_32);
+  EXPECT_EQ(BasicOps::sp_add_sat32(MAX_32, 1), MAX_32);
+  EXPECT_EQ(BasicOps::sp_add_sat32(MIN_32, -1), MIN_32);
+  EXPECT_EQ(BasicOps::sp_sat16(40000), MAX_16);
+  EXPECT_EQ(BasicOps::sp_clz32(0), 32);
+  EXPECT_EQ(BasicOps::sp_clz32(-1), 0);
+  EXPECT_EQ(BasicOps::sp_rand(0), 907633515);
+  EXPECT_NEAR(BasicOps::sp_inverse32_varq(65536, 32), 65536, 1);
+  EXPECT_GE(BasicOps::sp_inverse32_varq(1, 32), MAX_32 - 1);      // saturates
+  EXPECT_NEAR(BasicOps::sp_div32_varq(3 << 16, 1 << 16, 16), 3 << 16, 1);
+  EXPECT_EQ(BasicOps::sp_div32_varq(1, 1 << 30, 0), 0);
+}

@@ -7,6 +7,7 @@
 #include "quillon/codecs/codec_msadpcm32.h"
 #include "quillon/codecs/codec_opus.h"
 #include "quillon/codecs/codec_pcm_linear.h"
+#include "quillon/codecs/codec_silk.h"
 
 namespace quillon {
 
@@ -51,7 +52,7 @@ Codec* createCodecFor(CompressionType code) {
     case CT_SILK_30MS:
     case CT_SILK_40MS:
     case CT_SILK_60MS:
-      return nullptr;  // CodecSILK
+      return make<CodecSILK>();
     case CT_OPUS:
       return make<CodecOpus>();
     case CT_MSADPCM:

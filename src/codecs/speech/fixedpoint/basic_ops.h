@@ -231,6 +231,92 @@ class BasicOps {
     L = Mpy_32(n_hi, n_lo, hi, lo);
     return L_shl(L, 2);
   }
+
+  // ---- SigProc operators (the SILK family) ---------------------------------
+  // Skype's SILK reference arithmetic differs from the ITU set: products are
+  // taken as 32x16 or 32x32 bits keeping the upper part, and nothing sets a
+  // flag. Sums wrap modulo 2^32 where the reference lets them overflow.
+  static Word32 sp_add(Word32 a, Word32 b) {
+    return static_cast<Word32>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+  }
+  static Word32 sp_sub(Word32 a, Word32 b) {
+    return static_cast<Word32>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b));
+  }
+  static Word32 sp_mul(Word32 a, Word32 b) {
+    return static_cast<Word32>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
+  }
+  static Word32 sp_shl(Word32 a, int n) { return static_cast<Word32>(static_cast<uint32_t>(a) << n); }
+  // (a * low16(b)) >> 16 and (a * high16(b)) >> 16, floor rounding.
+  static Word32 sp_smulwb(Word32 a, Word32 b) {
+    return static_cast<Word32>((static_cast<int64_t>(a) * static_cast<Word16>(b)) >> 16);
+  }
+  static Word32 sp_smulwt(Word32 a, Word32 b) {
+    return static_cast<Word32>((static_cast<int64_t>(a) * (b >> 16)) >> 16);
+  }
+  static Word32 sp_smlawb(Word32 acc, Word32 a, Word32 b) { return sp_add(acc, sp_smulwb(a, b)); }
+  static Word32 sp_smlawt(Word32 acc, Word32 a, Word32 b) { return sp_add(acc, sp_smulwt(a, b)); }
+  // (a * b) >> 16 with both operands 32-bit, wrapped to 32 bits.
+  static Word32 sp_smulww(Word32 a, Word32 b) {
+    return static_cast<Word32>((static_cast<int64_t>(a) * b) >> 16);
+  }
+  static Word32 sp_smlaww(Word32 acc, Word32 a, Word32 b) { return sp_add(acc, sp_smulww(a, b)); }
+  static Word32 sp_smulbb(Word32 a, Word32 b) {
+    return static_cast<Word32>(static_cast<Word16>(a)) * static_cast<Word16>(b);
+  }
+  static Word32 sp_smlabb(Word32 acc, Word32 a, Word32 b) { return sp_add(acc, sp_smulbb(a, b)); }
+  static Word32 sp_smmul(Word32 a, Word32 b) {
+    return static_cast<Word32>((static_cast<int64_t>(a) * b) >> 32);
+  }
+  // Right shift with rounding (shift >= 1).
+  static Word32 sp_rshift_round(Word32 a, int shift) {
+    return shift == 1 ? (a >> 1) + (a & 1) : ((a >> (shift - 1)) + 1) >> 1;
+  }
+  static int64_t sp_rshift_round64(int64_t a, int shift) {
+    return shift == 1 ? (a >> 1) + (a & 1) : ((a >> (shift - 1)) + 1) >> 1;
+  }
+  static Word16 sp_sat16(Word32 a) {
+    return static_cast<Word16>(a > MAX_16 ? MAX_16 : (a < MIN_16 ? MIN_16 : a));
+  }
+  static Word32 sp_add_sat32(Word32 a, Word32 b) {
+    int64_t s = static_cast<int64_t>(a) + b;
+    return s > MAX_32 ? MAX_32 : (s < MIN_32 ? MIN_32 : static_cast<Word32>(s));
+  }
+  // Clamps a to the range that survives a left shift, then shifts.
+  static Word32 sp_lshift_sat32(Word32 a, int shift) {
+    Word32 lo = MIN_32 >> shift, hi = MAX_32 >> shift;
+    return sp_shl(a < lo ? lo : (a > hi ? hi : a), shift);
+  }
+  static Word32 sp_clz32(Word32 a) {
+    return a == 0 ? 32 : __builtin_clz(static_cast<uint32_t>(a));
+  }
+  // Linear congruential generator of the SILK reference.
+  static Word32 sp_rand(Word32 seed) { return sp_add(907633515, sp_mul(seed, 196314165)); }
+  // Approximation of (1 << q) / b (b != 0, q > 0).
+  static Word32 sp_inverse32_varq(Word32 b, int q) {
+    int headroom = sp_clz32(b > 0 ? b : -b) - 1;
+    Word32 bn = sp_shl(b, headroom);
+    Word32 inv = (MAX_32 >> 2) / (bn >> 16);
+    Word32 result = sp_shl(inv, 16);
+    Word32 err = sp_shl(-sp_smulwb(bn, inv), 3);
+    result = sp_smlaww(result, err, inv);
+    int shift = 61 - headroom - q;
+    if (shift <= 0) return sp_lshift_sat32(result, -shift);
+    return shift < 32 ? result >> shift : 0;
+  }
+  // Approximation of (a << q) / b (b != 0, q >= 0).
+  static Word32 sp_div32_varq(Word32 a, Word32 b, int q) {
+    int aHead = sp_clz32(a > 0 ? a : -a) - 1;
+    Word32 an = sp_shl(a, aHead);
+    int bHead = sp_clz32(b > 0 ? b : -b) - 1;
+    Word32 bn = sp_shl(b, bHead);
+    Word32 inv = (MAX_32 >> 2) / (bn >> 16);
+    Word32 result = sp_smulwb(an, inv);
+    an = sp_sub(an, sp_shl(sp_smmul(bn, result), 3));
+    result = sp_smlawb(result, an, inv);
+    int shift = 29 + aHead - bHead - q;
+    if (shift <= 0) return sp_lshift_sat32(result, -shift);
+    return shift < 32 ? result >> shift : 0;
+  }
 };
 
 }  // namespace quillon::fx
