@@ -186,3 +186,34 @@ TEST(DecodePipeline, AnyChunkingGivesTheSameOutput) {
     EXPECT_EQ(one.leftoverBytes(), stream.size() % AudioFormat(code, 1).getBytesPerFrame());
   }
 }
+
+TEST(DecodePipeline, PacketVectorsDecodeExactlyInAnyChunking) {
+  QUILLON_REQUIRE_VECTORS(vectors, "");
+  struct Family { const char* dir; const char* ext; CompressionType code; };
+  int checked = 0;
+  for (const Family& f : {Family{"silk", ".silk", CT_SILK_40MS}, Family{"opus", ".opus", CT_OPUS}}) {
+    const fs::path d = vectors / f.dir;
+    if (!fs::is_directory(d)) continue;
+    std::mt19937 rng(5);
+    for (const auto& entry : fs::directory_iterator(d)) {
+      if (entry.path().extension() != f.ext) continue;
+      const std::vector<uint8_t> stream = readFile(entry.path());
+      const std::vector<int16_t> expected = quillon::test::readPcm16(fs::path(entry.path()).replace_extension(".pcm"));
+      quillon::tool::DecodeOptions options;
+      options.code = f.code;
+      quillon::tool::DecodePipeline pipeline;
+      std::string error;
+      ASSERT_TRUE(pipeline.open(options, error)) << error;
+      std::vector<int16_t> out;
+      for (size_t i = 0; i < stream.size();) {
+        const size_t n = std::min<size_t>(1 + rng() % 700, stream.size() - i);
+        ASSERT_TRUE(pipeline.feed(stream.data() + i, n, out, error)) << error;
+        i += n;
+      }
+      ASSERT_TRUE(pipeline.finish(out, error));
+      EXPECT_EQ(quillon::test::firstMismatch(out, expected), -1) << entry.path();
+      checked++;
+    }
+  }
+  if (checked == 0) GTEST_SKIP() << "no SILK or Opus vectors found";
+}

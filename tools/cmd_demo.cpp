@@ -106,6 +106,7 @@ bool decodeStream(CompressionType code, uint32_t rate, const std::vector<uint8_t
     pcm.clear();
     for (size_t i = 0; i < stream.size(); i += 16000)
       if (!dec.feed(stream.data() + i, std::min<size_t>(16000, stream.size() - i), pcm, error)) return false;
+    if (!dec.finish(pcm, error)) return false;
     runs++;
   } while (std::chrono::duration<double>(Clock::now() - t0).count() < 0.2 && runs < 1000);
   seconds = std::chrono::duration<double>(Clock::now() - t0).count() / runs;

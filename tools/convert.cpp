@@ -69,6 +69,17 @@ bool convertFile(const std::string& input, const std::string& output, const Conv
     result.samples += pcm.size();
     n = source->read(chunk.data(), chunk.size());
   }
+  if (ok) {
+    pcm.clear();
+    if (!pipeline.finish(pcm, error)) {
+      error = input + ": " + error;
+      ok = false;
+    } else if (!out.write(pcm.data(), pcm.size() * 2)) {
+      error = "cannot write " + output + ": " + std::strerror(errno);
+      ok = false;
+    }
+    result.samples += pcm.size();
+  }
   if (ok && !source->error().empty()) {
     error = input + ": " + source->error();
     ok = false;

@@ -1,6 +1,7 @@
 #include "pipeline.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 namespace quillon::tool {
@@ -14,8 +15,17 @@ constexpr uint32_t kSliceTarget = 8000;
 // A length prefix counts at most 32767 bytes; more than two packets' worth
 // without progress means the stream cannot be decoded further.
 constexpr size_t kMaxPacketCarry = 2 * (32767 + 2);
-// Output offered per call to the packet codecs: 2 s at 16 kHz.
-constexpr uint32_t kPacketOutCapacity = 64000;
+// Output offered per call to the packet codecs. A packet codec drops a
+// packet whose output does not fit, so each call gets only as many whole
+// packets as surely fit (see packetOutputBound).
+constexpr uint32_t kPacketOutCapacity = 256 * 1024;
+
+// The most PCM bytes one packet of `length` bytes can yield.
+uint32_t packetOutputBound(CompressionType c, int length) {
+  if (c == CT_OPUS) return length == 0 ? 32000 : 3840;  // concealment second; 120 ms
+  if (c == CT_AMRWB) return 640;                         // one 20 ms frame
+  return 1600;                                           // SILK: five 20 ms frames
+}
 
 bool isPacketCode(CompressionType c) { return AudioFormat::isMultiRateCompression(c); }
 bool isG722(CompressionType c) { return c == CT_G722 || c == CT_G722_MODE2 || c == CT_G722_MODE3; }
@@ -125,16 +135,41 @@ bool DecodePipeline::decodeSlice(const uint8_t* data, uint32_t bytes, std::vecto
   return true;
 }
 
-bool DecodePipeline::decodePackets(std::vector<int16_t>& out, std::string& error) {
+// The end of the longest run of whole packets from `offset` whose output
+// surely fits one call. A negative length is handed over alone (the codec
+// consumes just its prefix). A SILK packet of length 0 makes the decoder
+// read the four bytes after it, so it is never left last in a call while
+// more of the stream may follow.
+size_t DecodePipeline::packetSliceEnd(size_t offset, bool final) const {
+  const CompressionType code = m_options.code;
+  size_t end = offset;
+  uint64_t bound = 0;
+  size_t lastEmpty = SIZE_MAX;
+  while (m_pending.size() - end >= 2) {
+    const int length = static_cast<int16_t>(m_pending[end] | (m_pending[end + 1] << 8));
+    if (length < 0) return end == offset ? end + 2 : end;
+    if (m_pending.size() - end - 2 < static_cast<size_t>(length)) break;
+    bound += packetOutputBound(code, length);
+    if (bound > kPacketOutCapacity / 2 && end > offset) break;
+    lastEmpty = length == 0 ? end : SIZE_MAX;
+    end += 2 + static_cast<size_t>(length);
+  }
+  if (!final && lastEmpty != SIZE_MAX && code != CT_OPUS && code != CT_AMRWB) end = lastEmpty;
+  return end;
+}
+
+bool DecodePipeline::decodePackets(std::vector<int16_t>& out, bool final, std::string& error) {
   m_outBuffer.resize(2 * static_cast<size_t>(kPacketOutCapacity));
   size_t offset = 0;
-  while (offset < m_pending.size()) {
-    const uint32_t available = static_cast<uint32_t>(m_pending.size() - offset);
+  for (;;) {
+    const size_t end = packetSliceEnd(offset, final);
+    if (end == offset) break;
+    const uint32_t available = static_cast<uint32_t>(end - offset);
     uint32_t left = available;
     const uint32_t produced =
         m_transcoder->transcode(m_pending.data() + offset, left, m_outBuffer.data(), kPacketOutCapacity);
     const uint32_t used = left <= available ? available - left : 0;
-    if (produced == 0 && used == 0) break;  // a partial packet: wait for more input
+    if (produced == 0 && used == 0) break;
     offset += used;
     m_consumed += used;
     emit(reinterpret_cast<const int16_t*>(m_outBuffer.data()), produced / 2, out);
@@ -148,10 +183,14 @@ bool DecodePipeline::decodePackets(std::vector<int16_t>& out, std::string& error
   return true;
 }
 
+bool DecodePipeline::finish(std::vector<int16_t>& out, std::string& error) {
+  return !m_packets || decodePackets(out, true, error);
+}
+
 bool DecodePipeline::feed(const uint8_t* data, size_t bytes, std::vector<int16_t>& out, std::string& error) {
   if (m_packets) {
     m_pending.insert(m_pending.end(), data, data + bytes);
-    return decodePackets(out, error);
+    return decodePackets(out, false, error);
   }
   const uint32_t slice = std::max<uint32_t>(1, kSliceTarget / m_unit) * m_unit;
   // Complete the frame held back from the previous call first.

@@ -41,13 +41,16 @@ class DecodePipeline {
   // Decodes what `bytes` completes; PCM is appended to `out`. False with
   // `error` set when the stream cannot go on.
   bool feed(const uint8_t* data, size_t bytes, std::vector<int16_t>& out, std::string& error);
+  // The end of the stream: decodes what was held back waiting for more input.
+  bool finish(std::vector<int16_t>& out, std::string& error);
   // Bytes held back at the end of the stream (a partial frame or packet).
   size_t leftoverBytes() const { return m_pending.size(); }
   uint64_t consumedBytes() const { return m_consumed; }
 
  private:
   bool decodeSlice(const uint8_t* data, uint32_t bytes, std::vector<int16_t>& out, std::string& error);
-  bool decodePackets(std::vector<int16_t>& out, std::string& error);
+  bool decodePackets(std::vector<int16_t>& out, bool final, std::string& error);
+  size_t packetSliceEnd(size_t offset, bool final) const;
   void emit(const int16_t* pcm, size_t samples, std::vector<int16_t>& out);
 
   DecodeOptions m_options;
