@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "quillon/codecs/codec_tetra.h"
+
 namespace quillon {
 
 using namespace TAV;
@@ -40,7 +42,7 @@ Codec* createCodecFor(CompressionType code) {
     case CT_ICELP48:
       return nullptr;  // CodecICELP48
     case CT_TETRA:
-      return nullptr;  // CodecTetra
+      return make<CodecTetra>();
     case CT_SILK_20MS:
     case CT_SILK_30MS:
     case CT_SILK_40MS:
