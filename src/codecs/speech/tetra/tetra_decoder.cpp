@@ -600,18 +600,11 @@ void FrameDecoder::decode(const int16_t params[kUnpackedParams], int16_t speech[
 
     // Total excitation: adaptive (Q0) * pitch gain (Q12) + code (Q12) *
     // code gain (Q0), back to Q0 with rounding; the reference stores the low
-    // 16 bits of the rounded value.
+    // 16 bits of the rounded value. The pitch gain is 0..4915, so the sum
+    // stays below 2^15 * 4915 + 2^30 and its saturating add never clips.
     for (int i = 0; i < kSubframeSamples; i++) {
-      int64_t t = static_cast<int64_t>(subExc[i]) * pitchGain + static_cast<int32_t>(code[i]) * codeGain;
-      if (t > MAX_32) {
-        op_.Overflow = true;
-        t = MAX_32;
-      } else if (t < MIN_32) {
-        op_.Overflow = true;
-        t = MIN_32;
-      }
-      const Word32 l = static_cast<Word32>(t);
-      subExc[i] = static_cast<Word16>((l >> 12) + ((l >> 11) & 1));
+      const Word32 t = static_cast<Word32>(subExc[i]) * pitchGain + static_cast<Word32>(code[i]) * codeGain;
+      subExc[i] = static_cast<Word16>((t >> 12) + ((t >> 11) & 1));
     }
 
     synthesise(a, subExc, &speech[sf * kSubframeSamples], s_.synthesisMemory, true);
@@ -685,7 +678,25 @@ void decodeTetraFrame(TetraDecoderState& state, const uint8_t frame[kFrameBytes]
 
   FrameDecoder(state).decode(params, pcm);
   // The reference's last step: every sample doubled with saturation.
-  for (int i = 0; i < kFrameSamples; i++) pcm[i] = state.add(pcm[i], pcm[i]);
+  bool clipped = false;
+#if QUILLON_TETRA_SSE2
+  __m128i differs = _mm_setzero_si128();
+  for (int i = 0; i < kFrameSamples; i += 8) {
+    __m128i* p = reinterpret_cast<__m128i*>(pcm + i);
+    const __m128i v = _mm_loadu_si128(p);
+    const __m128i doubled = _mm_adds_epi16(v, v);
+    differs = _mm_or_si128(differs, _mm_xor_si128(doubled, _mm_add_epi16(v, v)));
+    _mm_storeu_si128(p, doubled);
+  }
+  clipped = _mm_movemask_epi8(_mm_cmpeq_epi16(differs, _mm_setzero_si128())) != 0xffff;
+#else
+  for (int i = 0; i < kFrameSamples; i++) {
+    const int v = 2 * pcm[i];
+    clipped |= v > MAX_16 || v < MIN_16;
+    pcm[i] = static_cast<int16_t>(std::clamp(v, static_cast<int>(MIN_16), static_cast<int>(MAX_16)));
+  }
+#endif
+  if (clipped) state.Overflow = true;
 
   state.homing = 0;
   if (homingFrame) resetTetraDecoder(state);
