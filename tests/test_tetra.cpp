@@ -203,6 +203,11 @@ TEST(CodecTetraAdapter, FactoryAndOpen) {
   EXPECT_NE(dynamic_cast<TAV::CodecTetra*>(codec.get()), nullptr);
   EXPECT_TRUE(codec->isDecoder());
 
+  // Opening for encoding is accepted; encoding just produces nothing.
+  std::unique_ptr<TAV::Codec> encoder(TAV::Codec::getCodec(TAV::AudioFormat(TAV::CT_TETRA, 1), true));
+  ASSERT_NE(encoder, nullptr);
+  EXPECT_TRUE(encoder->isEncoder());
+
   TAV::CodecTetra tetra;
   EXPECT_FALSE(tetra.open(TAV::AudioFormat(TAV::CT_ICELP48, 1), false));
   EXPECT_FALSE(tetra.isDecoder());

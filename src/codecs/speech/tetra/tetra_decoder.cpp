@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <cstring>
 
 #include "codecs/speech/tetra/tetra_tables.h"
 
-// The synthesis filter's feedback sum uses SSE2 when the target has it.
+// The synthesis filter's feedback sum and the output doubling use SSE2
+// when the target has it (plain C++ otherwise, with the same results).
 #if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
 #define QUILLON_TETRA_SSE2 1
 #include <emmintrin.h>
@@ -89,7 +89,7 @@ class FrameDecoder {
   Word32 subShifted(Word32 acc, Word16 v, int shift) {
     return op_.L_add(acc, static_cast<Word32>(v) * -(1 << shift));
   }
-  // Bits 15.. of L rounded down, as a 16-bit value (L >> (16 - shift)).
+  // L >> (16 - shift), keeping the low 16 bits.
   Word16 storeHigh(Word32 L, int shift) { return static_cast<Word16>(op_.L_shr(L, static_cast<Word16>(16 - shift))); }
   // TETRA splits a 32-bit value as hi * 2^15 + lo with lo in [0, 32767]
   // (unlike the ITU split hi * 2^16 + lo * 2).
@@ -202,8 +202,7 @@ void FrameDecoder::decodeLsp(const int16_t* index, Word16 lsp[kLpcOrder]) {
 }
 
 // Coefficients (Q24) of the product over q = lsp[0], lsp[2], ..., lsp[8] of
-// (1 - 2q z^-1 + z^-2).
-// The same recursion in plain integers. While every coefficient stays below
+// (1 - 2q z^-1 + z^-2), in plain integers. While every coefficient stays below
 // 2^28 in magnitude no operator of the exact version can saturate and the
 // 15-bit split is a plain shift and mask; returns false when that bound was
 // reached, and the caller recomputes with the saturating operators.
@@ -229,6 +228,7 @@ bool lspPolynomialPlain(const Word16* lsp, Word32 f[6]) {
   return true;
 }
 
+// The same with the reference's saturating operators and 15-bit split.
 void FrameDecoder::lspPolynomial(const Word16* lsp, Word32 f[6]) {
   if (lspPolynomialPlain(lsp, f)) return;
   f[0] = 1 << 24;
@@ -296,8 +296,8 @@ Word16 FrameDecoder::synthesisSampleExact(const Word16 a[kLpcSize], Word16 x, co
 
 void FrameDecoder::synthesise(const Word16 a[kLpcSize], const Word16* x, Word16* y,
                               Word16 mem[kLpcOrder], bool keepMemory) {
-  // The feedback sum runs over 16 taps, the first six of them zero, which
-  // lets the compiler use whole vectors of 16-bit products.
+  // The feedback sum runs over 16 taps, the first six of them zero, so that
+  // it is two whole vectors of 16-bit products.
   constexpr int kTaps = 16;
   constexpr int kPad = kTaps - kLpcOrder;
   Word16 work[kTaps + kSubframeSamples];
@@ -442,7 +442,7 @@ void FrameDecoder::innovation(int index, int sign, int shift, const Word16* filt
   // |sum| < 2^29: no saturation; the result keeps the low 16 bits of the
   // Q11 -> Q0 shift like the reference.
   for (int i = 0; i < kSubframeSamples; i++) {
-    Word32 t = static_cast<Word32>(p0[i]) * 2896 + ((p2[i] - p1[i] - p3[i]) << 11);
+    Word32 t = static_cast<Word32>(p0[i]) * 2896 + (p2[i] - p1[i] - p3[i]) * 2048;
     if (sign != 0) t = -t;
     code[i] = static_cast<Word16>(t >> 11);
   }
@@ -494,10 +494,10 @@ void FrameDecoder::decodeGains(int index, bool bad, const Word16 a[kLpcSize], co
     s_.codeEnergy = std::max<Word16>(op_.sub(s_.codeEnergy, 128), 0);
   } else {
     // Predictions 0.5 * own + 0.25 * other - 3.0, not below 0.
-    Word32 p = addShifted(static_cast<Word32>(s_.pitchEnergy) << 8, s_.codeEnergy, 7);
+    Word32 p = addShifted(static_cast<Word32>(s_.pitchEnergy) * 256, s_.codeEnergy, 7);
     p = subShifted(p, 768, 9);
     const Word16 pitchPrediction = storeHigh(std::max<Word32>(p, 0), 7);
-    Word32 c = addShifted(static_cast<Word32>(s_.codeEnergy) << 8, s_.pitchEnergy, 7);
+    Word32 c = addShifted(static_cast<Word32>(s_.codeEnergy) * 256, s_.pitchEnergy, 7);
     c = subShifted(c, 768, 9);
     const Word16 codePrediction = storeHigh(std::max<Word32>(c, 0), 7);
 
@@ -509,7 +509,7 @@ void FrameDecoder::decodeGains(int index, bool bad, const Word16 a[kLpcSize], co
   }
 
   // Pitch gain 2^((pitchEnergy - adaptiveEnergy) / 2) in Q12, at most 1.2.
-  L = static_cast<Word32>(s_.pitchEnergy) << 6;
+  L = static_cast<Word32>(s_.pitchEnergy) * 64;
   L = subShifted(L, adaptiveEnergy, 6);
   L = addShifted(L, 12, 15);
   split15(L, e, frac);
@@ -518,7 +518,7 @@ void FrameDecoder::decodeGains(int index, bool bad, const Word16 a[kLpcSize], co
   pitchGain = fx::BasicOps::extract_l(L);
 
   // Code gain 2^((codeEnergy - innovation energy) / 2), low 16 bits kept.
-  L = static_cast<Word32>(s_.codeEnergy) << 6;
+  L = static_cast<Word32>(s_.codeEnergy) * 64;
   L = subShifted(L, codeEnergy, 6);
   split15(L, e, frac);
   codeGain = fx::BasicOps::extract_l(pow2(e, frac));
