@@ -278,10 +278,13 @@ void FrameDecoder::interpolateLpc(const Word16 lspNew[kLpcOrder], Word16 a[kSubf
   lspToLpc(lspNew, &a[(kSubframes - 1) * kLpcSize]);
 }
 
+// a[i] * factors[i - 1], rounded Q15 product. The factors are positive
+// and below 0.85, so neither the doubling nor the rounding can saturate.
 void FrameDecoder::weightLpc(const Word16 a[kLpcSize], const Word16 factors[kLpcOrder],
                              Word16 out[kLpcSize]) {
   out[0] = a[0];
-  for (int i = 1; i <= kLpcOrder; i++) out[i] = op_.round(op_.L_mult(a[i], factors[i - 1]));
+  for (int i = 1; i <= kLpcOrder; i++)
+    out[i] = static_cast<Word16>((2 * static_cast<Word32>(a[i]) * factors[i - 1] + 0x8000) >> 16);
 }
 
 // ---------------------------------------------------------------------------
@@ -590,7 +593,7 @@ void FrameDecoder::decode(const int16_t params[kUnpackedParams], int16_t speech[
     Word16 zeroMemory[kLpcOrder] = {};
     synthesise(denominator, shaping, shaping, zeroMemory, false);
     for (int i = lag; i < kSubframeSamples; i++)
-      shaping[i] = op_.add(shaping[i], op_.mult(shaping[i - lag], kPitchSharpening));
+      shaping[i] = op_.saturate(shaping[i] + ((shaping[i - lag] * kPitchSharpening) >> 15));
 
     Word16 code[kSubframeSamples];
     innovation(sub[1], sub[2], sub[3], shaping, code);
