@@ -182,19 +182,28 @@ TEST(TetraEngine, BadFrameOverrideDecodesTheSpeechBits) {
   EXPECT_EQ(a, b);
 }
 
-TEST(TetraEngine, ExtremeInputStaysInRangeAndDeterministic) {
-  // Frames that drive lags, gains and pulses to their limits; the output
-  // must be reproducible from a reset (no stray reads) and the state must
-  // not leak between two decoders.
+TEST(TetraEngine, LongestLagsWithFractionsAreReproducible) {
+  // Lag 143 (+1/3) and 144 (-1/3) make the interpolation reach the oldest
+  // excitation sample; the result must depend on the stream only.
+  auto setField = [](Frame& f, int firstBit, int width, int value) {
+    for (int k = 0; k < width; k++) {
+      const int bit = firstBit + k;
+      const uint8_t mask = static_cast<uint8_t>(0x80 >> (bit & 7));
+      if ((value >> (width - 1 - k)) & 1) f[bit >> 3] |= mask;
+      else f[bit >> 3] = static_cast<uint8_t>(f[bit >> 3] & ~mask);
+    }
+  };
   std::vector<uint8_t> stream;
-  for (uint8_t fill : {0xff, 0x00, 0xff, 0xff, 0x7f, 0xff, 0xfe})
-    for (int i = 0; i < kFrameBytes; i++) stream.push_back(i == 17 ? (fill & 0x80) : fill);
-  for (uint32_t s = 1; s < 60; s++) {
+  for (uint32_t s = 1; s <= 40; s++) {
     Frame f = speechFrame(s);
-    f[3] |= 0x3f;  // large first-subframe lags
+    setField(f, 26, 8, 255);  // subframe 1: lag 143
+    setField(f, 56, 5, 31);   // subframe 2: lag 144, fraction -1/3
+    setField(f, 83, 5, 30);   // subframe 3: lag 143, fraction +1/3
     stream.insert(stream.end(), f.begin(), f.end());
   }
-  EXPECT_EQ(decodeWithEngine(stream), decodeWithEngine(stream));
+  const std::vector<int16_t> first = decodeWithEngine(stream);
+  EXPECT_EQ(decodeWithEngine(stream), first);
+  EXPECT_TRUE(std::any_of(first.begin(), first.end(), [](int16_t v) { return v != 0; }));
 }
 
 TEST(CodecTetraAdapter, FactoryAndOpen) {
