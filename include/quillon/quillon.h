@@ -17,6 +17,7 @@
 #include "quillon/codecs/codec_pcm_linear.h"
 #include "quillon/codecs/codec_opus.h"
 #include "quillon/codecs/codec_silk.h"
+#include "quillon/codecs/codec_tetra.h"
 #include "quillon/codecs/codec_g72x.h"
 #include "quillon/codecs/codec_msadpcm32.h"
 #include "quillon/quillon_c.h"

@@ -8,6 +8,7 @@
 #include "quillon/codecs/codec_opus.h"
 #include "quillon/codecs/codec_pcm_linear.h"
 #include "quillon/codecs/codec_silk.h"
+#include "quillon/codecs/codec_tetra.h"
 
 namespace quillon {
 
@@ -47,7 +48,7 @@ Codec* createCodecFor(CompressionType code) {
     case CT_ICELP48:
       return nullptr;  // CodecICELP48
     case CT_TETRA:
-      return nullptr;  // CodecTetra
+      return make<CodecTetra>();
     case CT_SILK_20MS:
     case CT_SILK_30MS:
     case CT_SILK_40MS:
