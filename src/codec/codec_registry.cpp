@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "quillon/codecs/codec_lib_adapter.h"
+
 namespace quillon {
 
 using namespace TAV;
@@ -36,7 +38,7 @@ Codec* createCodecFor(CompressionType code) {
     case CT_G722_MODE2:
     case CT_G722_MODE3:
     case CT_AMRWB:
-      return nullptr;  // CodecLibAdapter
+      return make<CodecLibAdapter>();
     case CT_ICELP48:
       return nullptr;  // CodecICELP48
     case CT_TETRA:
