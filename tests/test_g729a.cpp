@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "codec/trace.h"
 #include "codecs/speech/g729a/decoder.h"
 #include "quillon/codecs/codec_g729a.h"
 #include "test_support.h"
@@ -125,6 +126,47 @@ TEST(G729ADecoder, UnpackSplitsTheElevenParameters) {
     for (int k = 0; k < 11; k++) EXPECT_EQ(prm[k], k == i ? 1 << (widths[i] - 1) : 0) << i << " " << k;
     bit += widths[i];
   }
+}
+
+// The engine's arithmetic helpers with their diagnostics exposed.
+struct DspProbe : quillon::g729a::Dsp {
+  using Dsp::div_s;
+  using Dsp::lspStabilise;
+};
+
+TEST(G729ADecoder, LspStabilityClampsAndWarns) {
+  FILE* sink = std::tmpfile();
+  ASSERT_NE(sink, nullptr);
+  quillon_set_trace_sink(sink);
+  DspProbe p;
+  quillon::fx::Word16 lsf[10] = {30, 2000, 4000, 6000, 8000, 10000, 12000, 14000, 16000, 26000};
+  p.lspStabilise(lsf);
+  quillon::fx::Word16 fine[10] = {400, 2000, 4000, 6000, 8000, 10000, 12000, 14000, 16000, 20000};
+  p.lspStabilise(fine);
+  quillon_set_trace_sink(stdout);
+  EXPECT_EQ(lsf[0], 40);
+  EXPECT_EQ(lsf[9], 25681);
+  std::rewind(sink);
+  char text[128] = {};
+  const size_t n = std::fread(text, 1, sizeof text - 1, sink);
+  std::fclose(sink);
+  EXPECT_EQ(std::string(text, n), "lsp_stability warning Low \nlsp_stability warning High \n");
+}
+
+TEST(G729ADecoderDeathTest, DivisionErrorsEndTheProcessWithStatusZero) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto divide = [](int a, int b) {
+    quillon_set_trace_sink(stderr);
+    DspProbe p;
+    p.div_s(static_cast<int16_t>(a), static_cast<int16_t>(b));
+    std::fputs("survived", stderr);
+  };
+  EXPECT_EXIT(divide(2, 1), ::testing::ExitedWithCode(0), "^Division Error var1=2  var2=1\n$");
+  EXPECT_EXIT(divide(-1, 5), ::testing::ExitedWithCode(0), "^Division Error var1=-1  var2=5\n$");
+  EXPECT_EXIT(divide(0, -3), ::testing::ExitedWithCode(0), "^Division Error var1=0  var2=-3\n$");
+  EXPECT_EXIT(divide(0, 0), ::testing::ExitedWithCode(0), "^Division by 0, Fatal error \n$");
+  DspProbe p;
+  EXPECT_EQ(p.div_s(1, 4), 8192);
 }
 
 // ---- TAV::CodecG729A ------------------------------------------------------
