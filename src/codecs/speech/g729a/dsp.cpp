@@ -1,0 +1,285 @@
+#include "codecs/speech/g729a/dsp.h"
+
+#include <cstdlib>
+
+#include "codec/trace.h"
+#include "codecs/speech/g729a/tables.h"
+
+namespace quillon::g729a {
+
+Word16 Dsp::div_s(Word16 num, Word16 den) {
+  if (num > den || num < 0 || den < 0) {
+    tracePrintf("Division Error var1=%d  var2=%d\n", num, den);
+    std::exit(0);
+  }
+  if (den == 0) {
+    tracePrintf("Division by 0, Fatal error \n");
+    std::exit(0);
+  }
+  return fx::BasicOps::div_s(num, den);
+}
+
+void Dsp::synthesis(const Word16* a, const Word16* x, Word16* y, int lg, Word16* mem, bool update) {
+  // Work buffer: kOrder past outputs followed by the new ones.
+  Word16 buf[kOrder + kFrame];
+  for (int i = 0; i < kOrder; i++) buf[i] = mem[i];
+  Word16* yy = buf + kOrder;
+  for (int n = 0; n < lg; n++) {
+    Word32 s = L_mult(x[n], a[0]);
+    for (int j = 1; j <= kOrder; j++) s = L_msu(s, a[j], yy[n - j]);
+    s = L_shl(s, 3);
+    yy[n] = round(s);
+  }
+  for (int n = 0; n < lg; n++) y[n] = yy[n];
+  if (update)
+    for (int i = 0; i < kOrder; i++) mem[i] = y[lg - kOrder + i];
+}
+
+void Dsp::residual(const Word16* a, const Word16* x, Word16* y, int lg) {
+  for (int n = 0; n < lg; n++) {
+    Word32 s = L_mult(x[n], a[0]);
+    for (int j = 1; j <= kOrder; j++) s = L_mac(s, a[j], x[n - j]);
+    s = L_shl(s, 3);
+    y[n] = round(s);
+  }
+}
+
+void Dsp::weightAz(const Word16* a, Word16 gamma, Word16* ap) {
+  ap[0] = a[0];
+  Word16 fac = gamma;
+  for (int i = 1; i < kOrder; i++) {
+    ap[i] = round(L_mult(a[i], fac));
+    fac = round(L_mult(fac, gamma));
+  }
+  ap[kOrder] = round(L_mult(a[kOrder], fac));
+}
+
+void Dsp::lspToAz(const Word16* lsp, Word16* a) {
+  Word32 f1[6], f2[6];
+  // F1 from the even LSPs, F2 from the odd ones.
+  for (int which = 0; which < 2; which++) {
+    Word32* f = which == 0 ? f1 : f2;
+    const Word16* l = lsp + which;
+    f[0] = L_mult(4096, 2048);  // 1.0 in Q24
+    f[1] = L_msu(0, l[0], 512);  // -2 lsp[0] in Q24
+    for (int i = 2; i <= 5; i++) {
+      const Word16 q = l[2 * (i - 1)];
+      f[i] = f[i - 2];
+      for (int j = i; j > 1; j--) {
+        Word16 hi, lo;
+        L_Extract(f[j - 1], hi, lo);
+        Word32 t0 = L_shl(Mpy_32_16(hi, lo, q), 1);
+        f[j] = L_add(f[j], f[j - 2]);
+        f[j] = L_sub(f[j], t0);
+      }
+      f[1] = L_msu(f[1], q, 512);
+    }
+  }
+  for (int i = 5; i > 0; i--) {
+    f1[i] = L_add(f1[i], f1[i - 1]);
+    f2[i] = L_sub(f2[i], f2[i - 1]);
+  }
+  a[0] = 4096;
+  for (int i = 1, j = 10; i <= 5; i++, j--) {
+    a[i] = extract_l(L_shr_r(L_add(f1[i], f2[i]), 13));
+    a[j] = extract_l(L_shr_r(L_sub(f1[i], f2[i]), 13));
+  }
+}
+
+void Dsp::interpolateAz(const Word16* lspOld, const Word16* lspNew, Word16* az) {
+  Word16 lsp[kOrder];
+  for (int i = 0; i < kOrder; i++) lsp[i] = add(shr(lspNew[i], 1), shr(lspOld[i], 1));
+  lspToAz(lsp, az);
+  lspToAz(lspNew, az + kOrder1);
+}
+
+void Dsp::lsfToLsp(const Word16* lsf, Word16* lsp) {
+  for (int i = 0; i < kOrder; i++) {
+    Word16 freq = mult(lsf[i], 20861);  // 1/(2 pi) in Q17
+    Word16 ind = shr(freq, 8);
+    Word16 offset = freq & 0x00ff;
+    if (ind > 63) ind = 63;
+    Word32 t = L_mult(tab::kCosSlope2[ind], offset);
+    lsp[i] = add(tab::kCosTable2[ind], extract_l(L_shr(t, 13)));
+  }
+}
+
+void Dsp::lspToLsf(const Word16* lsp, Word16* lsf) {
+  int ind = 63;
+  for (int i = kOrder - 1; i >= 0; i--) {
+    while (sub(tab::kCosTable2[ind], lsp[i]) < 0) {
+      ind--;
+      if (ind <= 0) break;
+    }
+    Word16 offset = sub(lsp[i], tab::kCosTable2[ind]);
+    Word32 t = L_mult(tab::kAcosSlope[ind], offset);
+    Word16 freq = add(shl(static_cast<Word16>(ind), 9), extract_l(L_shr(t, 12)));
+    lsf[i] = mult(freq, 25736);  // 2 pi in Q12
+  }
+}
+
+void Dsp::predictLongTerm(Word16* exc, int t0, int frac, int n) {
+  const Word16* x0 = exc - t0;
+  frac = -frac;
+  if (frac < 0) {
+    frac += 3;
+    x0--;
+  }
+  const Word16* c1 = &tab::kInterp3[frac];
+  const Word16* c2 = &tab::kInterp3[3 - frac];
+  for (int j = 0; j < n; j++, x0++) {
+    const Word16* x1 = x0;
+    const Word16* x2 = x0 + 1;
+    Word32 s = 0;
+    for (int i = 0, k = 0; i < 10; i++, k += 3) {
+      s = L_mac(s, x1[-i], c1[k]);
+      s = L_mac(s, x2[i], c2[k]);
+    }
+    exc[j] = round(s);
+  }
+}
+
+Word32 Dsp::pow2(Word16 exponent, Word16 fraction) {
+  Word32 x = L_mult(fraction, 32);
+  Word16 i = extract_h(x);
+  x = L_shr(x, 1);
+  Word16 a = extract_l(x) & 0x7fff;
+  x = L_deposit_h(tab::kPow2Table[i]);
+  Word16 tmp = sub(tab::kPow2Table[i], tab::kPow2Table[i + 1]);
+  x = L_msu(x, tmp, a);
+  return L_shr_r(x, sub(30, exponent));
+}
+
+void Dsp::log2(Word32 x, Word16& exponent, Word16& fraction) {
+  if (x <= 0) {
+    exponent = 0;
+    fraction = 0;
+    return;
+  }
+  Word16 e = norm_l(x);
+  x = L_shl(x, e);
+  exponent = sub(30, e);
+  x = L_shr(x, 9);
+  Word16 i = extract_h(x);
+  x = L_shr(x, 1);
+  Word16 a = extract_l(x) & 0x7fff;
+  i = sub(i, 32);
+  Word32 y = L_deposit_h(tab::kLog2Table[i]);
+  Word16 tmp = sub(tab::kLog2Table[i], tab::kLog2Table[i + 1]);
+  y = L_msu(y, tmp, a);
+  fraction = extract_h(y);
+}
+
+Word32 Dsp::invSqrt(Word32 x) {
+  if (x <= 0) return 0x3fffffff;
+  Word16 e = norm_l(x);
+  x = L_shl(x, e);
+  e = sub(30, e);
+  if ((e & 1) == 0) x = L_shr(x, 1);
+  e = add(shr(e, 1), 1);
+  x = L_shr(x, 9);
+  Word16 i = extract_h(x);
+  x = L_shr(x, 1);
+  Word16 a = extract_l(x) & 0x7fff;
+  i = sub(i, 16);
+  Word32 y = L_deposit_h(tab::kInvSqrtTable[i]);
+  Word16 tmp = sub(tab::kInvSqrtTable[i], tab::kInvSqrtTable[i + 1]);
+  y = L_msu(y, tmp, a);
+  return L_shr(y, e);
+}
+
+void Dsp::predictGain(const Word16* pastEnergy, const Word16* code, Word16& gcode0, Word16& expGcode0) {
+  Word32 t = 0;
+  for (int i = 0; i < kSubframe; i++) t = L_mac(t, code[i], code[i]);
+  Word16 e, f;
+  log2(t, e, f);
+  t = Mpy_32_16(e, f, -24660);
+  t = L_mac(t, 32588, 32);
+  t = L_shl(t, 10);
+  for (int i = 0; i < 4; i++) t = L_mac(t, tab::kGainPred[i], pastEnergy[i]);
+  gcode0 = extract_h(t);
+  t = L_mult(gcode0, 5439);
+  t = L_shr(t, 8);
+  L_Extract(t, e, f);
+  gcode0 = extract_l(pow2(14, f));
+  expGcode0 = sub(14, e);
+}
+
+void Dsp::updateGainMemory(Word16* pastEnergy, Word32 gainSum) {
+  for (int i = 3; i > 0; i--) pastEnergy[i] = pastEnergy[i - 1];
+  Word16 e, f;
+  log2(gainSum, e, f);
+  Word32 acc = L_Comp(sub(e, 13), f);
+  Word16 tmp = extract_h(L_shl(acc, 13));
+  pastEnergy[0] = mult(tmp, 24660);
+}
+
+void Dsp::updateGainMemoryErased(Word16* pastEnergy) {
+  Word32 t = 0;
+  for (int i = 0; i < 4; i++) t = L_add(t, L_deposit_l(pastEnergy[i]));
+  Word16 av = extract_l(L_shr(t, 2));
+  av = sub(av, 4096);
+  if (av < -14336) av = -14336;
+  for (int i = 3; i > 0; i--) pastEnergy[i] = pastEnergy[i - 1];
+  pastEnergy[0] = av;
+}
+
+void Dsp::lspExpand(Word16* buf, Word16 gap, int from, int to) {
+  for (int j = from; j < to; j++) {
+    Word16 diff = sub(buf[j - 1], buf[j]);
+    Word16 tmp = shr(add(diff, gap), 1);
+    if (tmp > 0) {
+      buf[j - 1] = sub(buf[j - 1], tmp);
+      buf[j] = add(buf[j], tmp);
+    }
+  }
+}
+
+void Dsp::lspCompose(const Word16* ele, Word16* lsf, const Word16 (*fg)[kOrder], const Word16 (*mem)[kOrder],
+                     const Word16* fgSum) {
+  for (int j = 0; j < kOrder; j++) {
+    Word32 acc = L_mult(ele[j], fgSum[j]);
+    for (int k = 0; k < 4; k++) acc = L_mac(acc, mem[k][j], fg[k][j]);
+    lsf[j] = extract_h(acc);
+  }
+}
+
+void Dsp::lspShiftMemory(const Word16* ele, Word16 (*mem)[kOrder]) {
+  for (int k = 3; k > 0; k--)
+    for (int j = 0; j < kOrder; j++) mem[k][j] = mem[k - 1][j];
+  for (int j = 0; j < kOrder; j++) mem[0][j] = ele[j];
+}
+
+void Dsp::lspStabilise(Word16* buf) {
+  for (int j = 0; j < kOrder - 1; j++) {
+    if (L_sub(buf[j + 1], buf[j]) < 0) {
+      Word16 t = buf[j + 1];
+      buf[j + 1] = buf[j];
+      buf[j] = t;
+    }
+  }
+  if (sub(buf[0], 40) < 0) {
+    buf[0] = 40;
+    tracePrintf("lsp_stability warning Low \n");
+  }
+  for (int j = 0; j < kOrder - 1; j++) {
+    if (L_sub(L_sub(buf[j + 1], buf[j]), 321) < 0) buf[j + 1] = add(buf[j], 321);
+  }
+  if (sub(buf[kOrder - 1], 25681) > 0) {
+    buf[kOrder - 1] = 25681;
+    tracePrintf("lsp_stability warning High \n");
+  }
+}
+
+void Dsp::lspDequantise(int code0, int code1, int code2, int mode, Word16 (*mem)[kOrder], Word16* lsfOut) {
+  Word16 buf[kOrder];
+  for (int j = 0; j < 5; j++) buf[j] = add(tab::kLspStage1[code0][j], tab::kLspStage2[code1][j]);
+  for (int j = 5; j < kOrder; j++) buf[j] = add(tab::kLspStage1[code0][j], tab::kLspStage2[code2][j]);
+  lspExpand(buf, 10, 1, kOrder);
+  lspExpand(buf, 5, 1, kOrder);
+  lspCompose(buf, lsfOut, tab::kLspMaPred[mode], mem, tab::kLspMaSum[mode]);
+  lspShiftMemory(buf, mem);
+  lspStabilise(lsfOut);
+}
+
+}  // namespace quillon::g729a
