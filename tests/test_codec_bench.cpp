@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -67,6 +66,21 @@ std::vector<char> readAll(const fs::path& p) {
   return std::vector<char>(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
 
+// The text with each run of digits after `mark` (and a space) shown as '#'.
+std::string withoutDigitsAfter(const std::string& text, char mark) {
+  std::string r;
+  for (size_t i = 0; i < text.size(); i++) {
+    r += text[i];
+    if (text[i] != mark) continue;
+    if (i + 1 < text.size() && text[i + 1] == ' ') r += text[++i];
+    size_t j = i + 1;
+    while (j < text.size() && text[j] >= '0' && text[j] <= '9') j++;
+    if (j > i + 1) r += '#';
+    i = j - 1;
+  }
+  return r;
+}
+
 }  // namespace
 
 TEST(CodecBench, MissingInputPrintsTwoLinesAndWritesNothing) {
@@ -88,10 +102,10 @@ TEST(CodecBench, EncodesOnceAndDecodesTheChosenNumberOfTimes) {
   std::ofstream("testVectors/sample16.pcm", std::ios::binary).write(pcm.data(), pcm.size());
 
   std::string text = r.run(0);
-  EXPECT_TRUE(std::regex_match(text, std::regex("Duration testCodecLibG729A Encoding :[0-9]+\n"
-                                                "size2 10  retsize 0  size1 158\n"
-                                                "Duration testCodecLibG729A Decoding: [0-9]+\n")))
-      << text;
+  EXPECT_EQ(withoutDigitsAfter(text, ':'),
+            "Duration testCodecLibG729A Encoding :#\n"
+            "size2 10  retsize 0  size1 158\n"
+            "Duration testCodecLibG729A Decoding: #\n");
   EXPECT_EQ(readAll("testVectors/outencoded.g729").size(), 10u);
   EXPECT_TRUE(fs::exists("testVectors/testCodecLibG729A.pcm"));
   EXPECT_EQ(fs::file_size("testVectors/testCodecLibG729A.pcm"), 0u);
