@@ -1,5 +1,6 @@
 #include "codecs/speech/g729a/decoder.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "codecs/speech/g729a/tables.h"
@@ -307,19 +308,42 @@ void Decoder::postFilter(Word16* syn, const Word16* az, const Word16* lags, Word
 void Decoder::pitchPostFilter(const Word16* sig, const Word16* scaled, Word16 t0Min, Word16 t0Max, Word16* out) {
   Word32 corMax = fx::MIN_32;
   int t0 = t0Min;
-  for (int i = t0Min; i <= t0Max; i++) {
-    const Word16* d = scaled - i;
-    Word32 corr = 0;
-    for (int j = 0; j < kSubframe; j++) corr = L_mac(corr, scaled[j], d[j]);
-    if (L_sub(corr, corMax) > 0) {
-      corMax = corr;
-      t0 = i;
+  Word32 ener = 1, ener0 = 1;
+  // With every |sample| below 5180, 40 products of two samples (doubled)
+  // plus one stay below 2^31, so plain sums equal the saturating ones.
+  int maxAbs = 0;
+  for (int i = -t0Max; i < kSubframe; i++) maxAbs = std::max(maxAbs, scaled[i] < 0 ? -scaled[i] : +scaled[i]);
+  if (maxAbs < 5180) {
+    for (int i = t0Min; i <= t0Max; i++) {
+      const Word16* d = scaled - i;
+      int32_t corr = 0;
+      for (int j = 0; j < kSubframe; j++) corr += scaled[j] * d[j];
+      corr *= 2;
+      if (corr > corMax) {
+        corMax = corr;
+        t0 = i;
+      }
     }
+    int32_t e = 0, e0 = 0;
+    for (int i = 0; i < kSubframe; i++) {
+      e += scaled[i - t0] * scaled[i - t0];
+      e0 += scaled[i] * scaled[i];
+    }
+    ener = 2 * e + 1;
+    ener0 = 2 * e0 + 1;
+  } else {
+    for (int i = t0Min; i <= t0Max; i++) {
+      const Word16* d = scaled - i;
+      Word32 corr = 0;
+      for (int j = 0; j < kSubframe; j++) corr = L_mac(corr, scaled[j], d[j]);
+      if (L_sub(corr, corMax) > 0) {
+        corMax = corr;
+        t0 = i;
+      }
+    }
+    for (int i = 0; i < kSubframe; i++) ener = L_mac(ener, scaled[i - t0], scaled[i - t0]);
+    for (int i = 0; i < kSubframe; i++) ener0 = L_mac(ener0, scaled[i], scaled[i]);
   }
-  Word32 ener = 1;
-  for (int i = 0; i < kSubframe; i++) ener = L_mac(ener, scaled[i - t0], scaled[i - t0]);
-  Word32 ener0 = 1;
-  for (int i = 0; i < kSubframe; i++) ener0 = L_mac(ener0, scaled[i], scaled[i]);
   if (corMax < 0) corMax = 0;
 
   Word32 top = corMax;
@@ -362,11 +386,22 @@ void Decoder::tiltCompensate(Word16* sig, Word16 g) {
   m_tiltMem = last;
 }
 
+namespace {
+// Saturating sum of (x[i] >> 2)^2 doubled: the terms are never negative, so
+// the running sum saturates exactly when the plain total exceeds 2^31 - 1.
+Word32 quarterEnergy(const Word16* x) {
+  int64_t s = 0;
+  for (int i = 0; i < kSubframe; i++) {
+    const int32_t v = x[i] >> 2;
+    s += v * v;
+  }
+  s *= 2;
+  return s > fx::MAX_32 ? fx::MAX_32 : static_cast<Word32>(s);
+}
+}  // namespace
+
 void Decoder::gainControl(const Word16* in, Word16* out) {
-  Word16 tmp[kSubframe];
-  for (int i = 0; i < kSubframe; i++) tmp[i] = shr(out[i], 2);
-  Word32 s = 0;
-  for (int i = 0; i < kSubframe; i++) s = L_mac(s, tmp[i], tmp[i]);
+  Word32 s = quarterEnergy(out);
   if (s == 0) {
     m_pastGain = 0;
     return;
@@ -374,9 +409,7 @@ void Decoder::gainControl(const Word16* in, Word16* out) {
   Word16 exp = sub(norm_l(s), 1);
   const Word16 gainOut = round(L_shl(s, exp));
 
-  for (int i = 0; i < kSubframe; i++) tmp[i] = shr(in[i], 2);
-  s = 0;
-  for (int i = 0; i < kSubframe; i++) s = L_mac(s, tmp[i], tmp[i]);
+  s = quarterEnergy(in);
   Word16 g0;
   if (s == 0) {
     g0 = 0;
@@ -401,20 +434,36 @@ void Decoder::gainControl(const Word16* in, Word16* out) {
 }
 
 void Decoder::highPass(int16_t* out, const Word16* in) {
+  // y[n] = b0 x[n] + b1 x[n-1] + b2 x[n-2] + a1 y[n-1] + a2 y[n-2], with the
+  // feedback terms in double precision. The two feedback products cannot
+  // saturate (|a1|, |a2| < 2^14), nor can their sum; the feed-forward
+  // accumulation is checked in 64 bits and redone with the operators when
+  // it leaves the 32-bit range.
+  const int32_t a1 = tab::kPostHpA[1], a2 = tab::kPostHpA[2];
+  const int32_t b0 = tab::kPostHpB[0], b1 = tab::kPostHpB[1], b2 = tab::kPostHpB[2];
   for (int i = 0; i < kFrame; i++) {
     const Word16 x2 = m_x1;
     m_x1 = m_x0;
     m_x0 = in[i];
-    Word32 t = Mpy_32_16(m_y1Hi, m_y1Lo, tab::kPostHpA[1]);
-    t = L_add(t, Mpy_32_16(m_y2Hi, m_y2Lo, tab::kPostHpA[2]));
-    t = L_mac(t, m_x0, tab::kPostHpB[0]);
-    t = L_mac(t, m_x1, tab::kPostHpB[1]);
-    t = L_mac(t, x2, tab::kPostHpB[2]);
+    const int32_t fb = 2 * (m_y1Hi * a1 + ((m_y1Lo * a1) >> 15)) + 2 * (m_y2Hi * a2 + ((m_y2Lo * a2) >> 15));
+    const int64_t p1 = int64_t{fb} + 2 * m_x0 * b0;
+    const int64_t p2 = p1 + 2 * m_x1 * b1;
+    const int64_t p3 = p2 + 2 * x2 * b2;
+    Word32 t;
+    if (p1 >= fx::MIN_32 && p1 <= fx::MAX_32 && p2 >= fx::MIN_32 && p2 <= fx::MAX_32 && p3 >= fx::MIN_32 &&
+        p3 <= fx::MAX_32) {
+      t = static_cast<Word32>(p3);
+    } else {
+      t = L_mac(fb, m_x0, static_cast<Word16>(b0));
+      t = L_mac(t, m_x1, static_cast<Word16>(b1));
+      t = L_mac(t, x2, static_cast<Word16>(b2));
+    }
     t = L_shl(t, 2);
     out[i] = round(L_shl(t, 1));
     m_y2Hi = m_y1Hi;
     m_y2Lo = m_y1Lo;
-    L_Extract(t, m_y1Hi, m_y1Lo);
+    m_y1Hi = static_cast<Word16>(t >> 16);
+    m_y1Lo = static_cast<Word16>((t >> 1) & 0x7fff);
   }
 }
 

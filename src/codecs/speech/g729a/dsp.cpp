@@ -1,5 +1,6 @@
 #include "codecs/speech/g729a/dsp.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "codec/trace.h"
@@ -19,16 +20,53 @@ Word16 Dsp::div_s(Word16 num, Word16 den) {
   return fx::BasicOps::div_s(num, den);
 }
 
+namespace {
+inline int32_t absVal(int32_t v) { return v < 0 ? -v : v; }
+constexpr int64_t kLimit32 = int64_t{1} << 31;
+}  // namespace
+
+// The filters below accumulate in plain 32-bit arithmetic whenever a bound
+// on the sum of the magnitudes of all terms shows that no partial sum can
+// leave the 32-bit range; the saturating operator sequence would then give
+// the same result. Otherwise they take the operator sequence itself.
+
 void Dsp::synthesis(const Word16* a, const Word16* x, Word16* y, int lg, Word16* mem, bool update) {
   // Work buffer: kOrder past outputs followed by the new ones.
   Word16 buf[kOrder + kFrame];
-  for (int i = 0; i < kOrder; i++) buf[i] = mem[i];
+  int32_t maxY = 0;
+  for (int i = 0; i < kOrder; i++) {
+    buf[i] = mem[i];
+    maxY = std::max(maxY, absVal(mem[i]));
+  }
+  int32_t sumA = 0;
+  for (int j = 1; j <= kOrder; j++) sumA += absVal(a[j]);
+  const int32_t a0 = a[0];
   Word16* yy = buf + kOrder;
-  for (int n = 0; n < lg; n++) {
-    Word32 s = L_mult(x[n], a[0]);
-    for (int j = 1; j <= kOrder; j++) s = L_msu(s, a[j], yy[n - j]);
-    s = L_shl(s, 3);
-    yy[n] = round(s);
+  int32_t maxX = 0;
+  for (int n = 0; n < lg; n++) maxX = std::max(maxX, absVal(x[n]));
+  if (2 * (int64_t{maxX} * absVal(a0) + int64_t{sumA} * 32768) < kLimit32) {
+    // No output can be large enough to reach the limit.
+    for (int n = 0; n < lg; n++) {
+      int32_t acc = 0;
+      for (int j = 1; j <= kOrder; j++) acc += a[j] * yy[n - j];
+      yy[n] = round(L_shl(2 * (x[n] * a0 - acc), 3));
+    }
+  } else {
+    for (int n = 0; n < lg; n++) {
+      Word32 s;
+      const int64_t bound = 2 * (int64_t{absVal(x[n])} * absVal(a0) + int64_t{sumA} * maxY);
+      if (bound < kLimit32) {
+        int32_t acc = 0;
+        for (int j = 1; j <= kOrder; j++) acc += a[j] * yy[n - j];
+        s = 2 * (x[n] * a0 - acc);
+      } else {
+        s = L_mult(x[n], a[0]);
+        for (int j = 1; j <= kOrder; j++) s = L_msu(s, a[j], yy[n - j]);
+      }
+      s = L_shl(s, 3);
+      yy[n] = round(s);
+      maxY = std::max(maxY, absVal(yy[n]));
+    }
   }
   for (int n = 0; n < lg; n++) y[n] = yy[n];
   if (update)
@@ -36,6 +74,18 @@ void Dsp::synthesis(const Word16* a, const Word16* x, Word16* y, int lg, Word16*
 }
 
 void Dsp::residual(const Word16* a, const Word16* x, Word16* y, int lg) {
+  int32_t maxX = 0;
+  for (int n = -kOrder; n < lg; n++) maxX = std::max(maxX, absVal(x[n]));
+  int32_t sumA = 0;
+  for (int j = 0; j <= kOrder; j++) sumA += absVal(a[j]);
+  if (2 * int64_t{sumA} * maxX < kLimit32) {
+    for (int n = 0; n < lg; n++) {
+      int32_t acc = 0;
+      for (int j = 0; j <= kOrder; j++) acc += a[j] * x[n - j];
+      y[n] = round(L_shl(2 * acc, 3));
+    }
+    return;
+  }
   for (int n = 0; n < lg; n++) {
     Word32 s = L_mult(x[n], a[0]);
     for (int j = 1; j <= kOrder; j++) s = L_mac(s, a[j], x[n - j]);
@@ -127,15 +177,30 @@ void Dsp::predictLongTerm(Word16* exc, int t0, int frac, int n) {
   }
   const Word16* c1 = &tab::kInterp3[frac];
   const Word16* c2 = &tab::kInterp3[3 - frac];
+  int32_t sumC = 0;
+  for (int k = 0; k < 30; k += 3) sumC += absVal(c1[k]) + absVal(c2[k]);
+  // Largest input magnitude so far: the past excitation read by the filter,
+  // then each new output as it is produced (outputs may be read back when
+  // the delay is short).
+  int32_t maxX = 0;
+  for (const Word16* p = x0 - 9; p < exc; p++) maxX = std::max(maxX, absVal(*p));
   for (int j = 0; j < n; j++, x0++) {
     const Word16* x1 = x0;
     const Word16* x2 = x0 + 1;
-    Word32 s = 0;
-    for (int i = 0, k = 0; i < 10; i++, k += 3) {
-      s = L_mac(s, x1[-i], c1[k]);
-      s = L_mac(s, x2[i], c2[k]);
+    Word32 s;
+    if (2 * int64_t{sumC} * maxX < kLimit32) {
+      int32_t acc = 0;
+      for (int i = 0, k = 0; i < 10; i++, k += 3) acc += x1[-i] * c1[k] + x2[i] * c2[k];
+      s = 2 * acc;
+    } else {
+      s = 0;
+      for (int i = 0, k = 0; i < 10; i++, k += 3) {
+        s = L_mac(s, x1[-i], c1[k]);
+        s = L_mac(s, x2[i], c2[k]);
+      }
     }
     exc[j] = round(s);
+    maxX = std::max(maxX, absVal(exc[j]));
   }
 }
 
