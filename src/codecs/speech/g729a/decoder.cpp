@@ -441,18 +441,21 @@ void Decoder::highPass(int16_t* out, const Word16* in) {
   // it leaves the 32-bit range.
   const int32_t a1 = tab::kPostHpA[1], a2 = tab::kPostHpA[2];
   const int32_t b0 = tab::kPostHpB[0], b1 = tab::kPostHpB[1], b2 = tab::kPostHpB[2];
+  // Largest possible feedback sum, and the input magnitude below which the
+  // feed-forward taps cannot push any partial sum out of range.
+  constexpr int64_t kMaxFeedback = 2 * (32768LL * 15836 + 15836) + 2 * (32768LL * 7667 + 7667);
+  constexpr int64_t kSafeInput = ((int64_t{1} << 31) - 1 - kMaxFeedback) / (2 * (7699 + 15398 + 7699));
+  int32_t maxX = std::max(m_x0 < 0 ? -m_x0 : +m_x0, m_x1 < 0 ? -m_x1 : +m_x1);
+  for (int i = 0; i < kFrame; i++) maxX = std::max(maxX, in[i] < 0 ? -in[i] : +in[i]);
+  const bool plain = maxX <= kSafeInput;
   for (int i = 0; i < kFrame; i++) {
     const Word16 x2 = m_x1;
     m_x1 = m_x0;
     m_x0 = in[i];
     const int32_t fb = 2 * (m_y1Hi * a1 + ((m_y1Lo * a1) >> 15)) + 2 * (m_y2Hi * a2 + ((m_y2Lo * a2) >> 15));
-    const int64_t p1 = int64_t{fb} + 2 * m_x0 * b0;
-    const int64_t p2 = p1 + 2 * m_x1 * b1;
-    const int64_t p3 = p2 + 2 * x2 * b2;
     Word32 t;
-    if (p1 >= fx::MIN_32 && p1 <= fx::MAX_32 && p2 >= fx::MIN_32 && p2 <= fx::MAX_32 && p3 >= fx::MIN_32 &&
-        p3 <= fx::MAX_32) {
-      t = static_cast<Word32>(p3);
+    if (plain) {
+      t = fb + 2 * (m_x0 * b0 + m_x1 * b1 + x2 * b2);
     } else {
       t = L_mac(fb, m_x0, static_cast<Word16>(b0));
       t = L_mac(t, m_x1, static_cast<Word16>(b1));

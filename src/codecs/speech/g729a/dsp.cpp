@@ -23,6 +23,14 @@ Word16 Dsp::div_s(Word16 num, Word16 den) {
 namespace {
 inline int32_t absVal(int32_t v) { return v < 0 ? -v : v; }
 constexpr int64_t kLimit32 = int64_t{1} << 31;
+
+// Plain dot product of two runs of N samples (the compiler vectorises it).
+template <int N>
+inline int32_t dot(const Word16* a, const Word16* b) {
+  int32_t acc = 0;
+  for (int k = 0; k < N; k++) acc += static_cast<int32_t>(a[k]) * b[k];
+  return acc;
+}
 }  // namespace
 
 // The filters below accumulate in plain 32-bit arithmetic whenever a bound
@@ -44,29 +52,41 @@ void Dsp::synthesis(const Word16* a, const Word16* x, Word16* y, int lg, Word16*
   Word16* yy = buf + kOrder;
   int32_t maxX = 0;
   for (int n = 0; n < lg; n++) maxX = std::max(maxX, absVal(x[n]));
-  if (2 * (int64_t{maxX} * absVal(a0) + int64_t{sumA} * 32768) < kLimit32) {
-    // No output can be large enough to reach the limit.
-    for (int n = 0; n < lg; n++) {
+  // Plain arithmetic is exact while 2 (maxX |a0| + sumA maxY) < 2^31, that
+  // is while maxY stays at or below limY.
+  const int64_t room = (kLimit32 - 1) / 2 - int64_t{maxX} * absVal(a0);
+  const int64_t limY = sumA == 0 ? (room >= 0 ? 32768 : -1) : (room < 0 ? -1 : room / sumA);
+  int n = 0;
+  if (maxY <= limY) {
+    // The last ten outputs travel in registers: the next output depends on
+    // the previous one, and reloading it from memory would stall.
+    const int32_t a1 = a[1], a2 = a[2], a3 = a[3], a4 = a[4], a5 = a[5];
+    const int32_t a6 = a[6], a7 = a[7], a8 = a[8], a9 = a[9], a10 = a[10];
+    int32_t y1 = yy[-1], y2 = yy[-2], y3 = yy[-3], y4 = yy[-4], y5 = yy[-5];
+    int32_t y6 = yy[-6], y7 = yy[-7], y8 = yy[-8], y9 = yy[-9], y10 = yy[-10];
+    for (; n < lg && maxY <= limY; n++) {
+      const int32_t far = a6 * y6 + a7 * y7 + a8 * y8 + a9 * y9 + a10 * y10;
+      const int32_t near = a2 * y2 + a3 * y3 + a4 * y4 + a5 * y5;
+      const int32_t acc = a1 * y1 + near + far;
+      const Word16 out = round(L_shl(2 * (x[n] * a0 - acc), 3));
+      yy[n] = out;
+      y10 = y9, y9 = y8, y8 = y7, y7 = y6, y6 = y5, y5 = y4, y4 = y3, y3 = y2, y2 = y1, y1 = out;
+      maxY = std::max(maxY, absVal(out));
+    }
+  }
+  for (; n < lg; n++) {
+    Word32 s;
+    if (maxY <= limY) {
       int32_t acc = 0;
       for (int j = 1; j <= kOrder; j++) acc += a[j] * yy[n - j];
-      yy[n] = round(L_shl(2 * (x[n] * a0 - acc), 3));
+      s = 2 * (x[n] * a0 - acc);
+    } else {
+      s = L_mult(x[n], a[0]);
+      for (int j = 1; j <= kOrder; j++) s = L_msu(s, a[j], yy[n - j]);
     }
-  } else {
-    for (int n = 0; n < lg; n++) {
-      Word32 s;
-      const int64_t bound = 2 * (int64_t{absVal(x[n])} * absVal(a0) + int64_t{sumA} * maxY);
-      if (bound < kLimit32) {
-        int32_t acc = 0;
-        for (int j = 1; j <= kOrder; j++) acc += a[j] * yy[n - j];
-        s = 2 * (x[n] * a0 - acc);
-      } else {
-        s = L_mult(x[n], a[0]);
-        for (int j = 1; j <= kOrder; j++) s = L_msu(s, a[j], yy[n - j]);
-      }
-      s = L_shl(s, 3);
-      yy[n] = round(s);
-      maxY = std::max(maxY, absVal(yy[n]));
-    }
+    s = L_shl(s, 3);
+    yy[n] = round(s);
+    maxY = std::max(maxY, absVal(yy[n]));
   }
   for (int n = 0; n < lg; n++) y[n] = yy[n];
   if (update)
@@ -79,11 +99,9 @@ void Dsp::residual(const Word16* a, const Word16* x, Word16* y, int lg) {
   int32_t sumA = 0;
   for (int j = 0; j <= kOrder; j++) sumA += absVal(a[j]);
   if (2 * int64_t{sumA} * maxX < kLimit32) {
-    for (int n = 0; n < lg; n++) {
-      int32_t acc = 0;
-      for (int j = 0; j <= kOrder; j++) acc += a[j] * x[n - j];
-      y[n] = round(L_shl(2 * acc, 3));
-    }
+    Word16 rev[kOrder1];
+    for (int k = 0; k <= kOrder; k++) rev[k] = a[kOrder - k];
+    for (int n = 0; n < lg; n++) y[n] = round(L_shl(2 * dot<kOrder1>(rev, x + n - kOrder), 3));
     return;
   }
   for (int n = 0; n < lg; n++) {
@@ -184,14 +202,18 @@ void Dsp::predictLongTerm(Word16* exc, int t0, int frac, int n) {
   // the delay is short).
   int32_t maxX = 0;
   for (const Word16* p = x0 - 9; p < exc; p++) maxX = std::max(maxX, absVal(*p));
+  // The 20 taps in sample order: x0[-9..0] with c1 reversed, x0[1..10] with c2.
+  Word16 taps[20];
+  for (int i = 0; i < 10; i++) {
+    taps[9 - i] = c1[3 * i];
+    taps[10 + i] = c2[3 * i];
+  }
   for (int j = 0; j < n; j++, x0++) {
     const Word16* x1 = x0;
     const Word16* x2 = x0 + 1;
     Word32 s;
     if (2 * int64_t{sumC} * maxX < kLimit32) {
-      int32_t acc = 0;
-      for (int i = 0, k = 0; i < 10; i++, k += 3) acc += x1[-i] * c1[k] + x2[i] * c2[k];
-      s = 2 * acc;
+      s = 2 * dot<20>(taps, x0 - 9);
     } else {
       s = 0;
       for (int i = 0, k = 0; i < 10; i++, k += 3) {
