@@ -67,13 +67,6 @@ void Decoder::unpack(const uint8_t in[kFrameBytes], Word16 prm[kParamCount]) {
   }
 }
 
-Word16 Decoder::pitchParity(Word16 pitchIndex) {
-  // 1 + the six most significant of the 8 bits, modulo 2.
-  int sum = 1;
-  for (int i = 2; i <= 7; i++) sum += (pitchIndex >> i) & 1;
-  return static_cast<Word16>(sum & 1);
-}
-
 void Decoder::decode(const uint8_t in[kFrameBytes], int16_t out[kFrameSamples]) {
   Word16 prm[kParamCount];
   unpack(in, prm);
@@ -105,14 +98,7 @@ void Decoder::decodeLsp(const Word16* prm, bool erased, Word16* lspNew) {
     // have produced it.
     std::memcpy(lsf, m_prevLsf, sizeof lsf);
     Word16 ele[kOrder];
-    const Word16 (*fg)[kOrder] = tab::kLspMaPred[m_prevMode];
-    for (int j = 0; j < kOrder; j++) {
-      Word32 t = L_deposit_h(m_prevLsf[j]);
-      for (int k = 0; k < 4; k++) t = L_msu(t, m_lsfMem[k][j], fg[k][j]);
-      Word16 tmp = extract_h(t);
-      t = L_mult(tmp, tab::kLspMaSumInv[m_prevMode][j]);
-      ele[j] = extract_h(L_shl(t, 3));
-    }
+    lspExtract(m_prevLsf, ele, m_prevMode, m_lsfMem);
     lspShiftMemory(ele, m_lsfMem);
   }
   lsfToLsp(lsf, lspNew);

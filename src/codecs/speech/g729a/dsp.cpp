@@ -358,6 +358,17 @@ void Dsp::lspStabilise(Word16* buf) {
   }
 }
 
+void Dsp::lspExtract(const Word16* lsf, Word16* ele, int mode, const Word16 (*mem)[kOrder]) {
+  const Word16 (*fg)[kOrder] = tab::kLspMaPred[mode];
+  for (int j = 0; j < kOrder; j++) {
+    Word32 t = L_deposit_h(lsf[j]);
+    for (int k = 0; k < 4; k++) t = L_msu(t, mem[k][j], fg[k][j]);
+    const Word16 tmp = extract_h(t);
+    t = L_mult(tmp, tab::kLspMaSumInv[mode][j]);
+    ele[j] = extract_h(L_shl(t, 3));
+  }
+}
+
 void Dsp::lspDequantise(int code0, int code1, int code2, int mode, Word16 (*mem)[kOrder], Word16* lsfOut) {
   Word16 buf[kOrder];
   for (int j = 0; j < 5; j++) buf[j] = add(tab::kLspStage1[code0][j], tab::kLspStage2[code1][j]);
