@@ -1,5 +1,6 @@
 #include "codecs/speech/g729a/encoder.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "codecs/speech/g729a/tables.h"
@@ -89,20 +90,25 @@ void Encoder::highPass(Word16* signal) {
 void Encoder::autocorrelation(const Word16* x, Word16* rh, Word16* rl) {
   Word16 y[kWindow];
   for (int i = 0; i < kWindow; i++) y[i] = mult_r(x[i], tab::kLpcWindow[i]);
+  // The energy terms are never negative, so the saturating sum overflows
+  // exactly when the plain total passes 2^31 - 1; once it fits, every lag
+  // product sum is bounded by it and needs no saturation either.
   Word32 sum;
   for (;;) {
-    Overflow = false;
-    sum = 1;
-    for (int i = 0; i < kWindow; i++) sum = L_mac(sum, y[i], y[i]);
-    if (!Overflow) break;
+    int64_t e = 1;
+    for (int i = 0; i < kWindow; i++) e += 2 * y[i] * y[i];
+    if (e <= fx::MAX_32) {
+      sum = static_cast<Word32>(e);
+      break;
+    }
     for (int i = 0; i < kWindow; i++) y[i] = shr(y[i], 2);
   }
   const Word16 norm = norm_l(sum);
   L_Extract(L_shl(sum, norm), rh[0], rl[0]);
   for (int k = 1; k <= kOrder; k++) {
-    sum = 0;
-    for (int j = 0; j < kWindow - k; j++) sum = L_mac(sum, y[j], y[j + k]);
-    L_Extract(L_shl(sum, norm), rh[k], rl[k]);
+    int32_t acc = 0;
+    for (int j = 0; j < kWindow - k; j++) acc += y[j] * y[j + k];
+    L_Extract(L_shl(2 * acc, norm), rh[k], rl[k]);
   }
   // Lag window.
   for (int k = 1; k <= kOrder; k++) {
@@ -328,11 +334,13 @@ void Encoder::quantiseLsp(const Word16* lsp, Word16* lspQ, Word16* prm) {
     Word32 best = fx::MAX_32;
     int c0 = 0;
     for (int i = 0; i < 128; i++) {
-      Word32 d = 0;
+      // Squares only: the saturating sum is the plain one capped at 2^31 - 1.
+      int64_t acc = 0;
       for (int k = 0; k < kOrder; k++) {
-        const Word16 t = sub(target[k], tab::kLspStage1[i][k]);
-        d = L_mac(d, t, t);
+        const int32_t t = std::clamp<int32_t>(target[k] - tab::kLspStage1[i][k], fx::MIN_16, fx::MAX_16);
+        acc += 2 * t * t;
       }
+      const Word32 d = acc > fx::MAX_32 ? fx::MAX_32 : static_cast<Word32>(acc);
       if (L_sub(d, best) < 0) {
         best = d;
         c0 = i;
@@ -392,26 +400,41 @@ Word16 Encoder::openLoopPitch(const Word16* wsp) {
   Word16 scaledBuf[kPitchMax + kFrame];
   Word16* s = scaledBuf + kPitchMax;
 
-  Overflow = false;
-  Word32 sum = 0;
-  for (int i = -kPitchMax; i < kFrame; i += 2) sum = L_mac(sum, wsp[i], wsp[i]);
-  if (Overflow) {
+  // Squares only: the saturating sum overflows exactly when the plain one
+  // passes 2^31 - 1.
+  int64_t energy = 0;
+  for (int i = -kPitchMax; i < kFrame; i += 2) energy += 2 * wsp[i] * wsp[i];
+  if (energy > fx::MAX_32) {
     for (int i = -kPitchMax; i < kFrame; i++) s[i] = shr(wsp[i], 3);
-  } else if (L_sub(sum, 1048576) < 0) {
+  } else if (energy < 1048576) {
     for (int i = -kPitchMax; i < kFrame; i++) s[i] = shl(wsp[i], 3);
   } else {
     for (int i = -kPitchMax; i < kFrame; i++) s[i] = wsp[i];
   }
+  // Every correlation below pairs samples of one parity class with samples
+  // of one class; by Cauchy-Schwarz its partial sums are bounded by the
+  // larger class energy, so plain sums are exact while that fits.
+  int64_t even = 0, odd = 0;
+  for (int i = -kPitchMax; i < kFrame; i++) (i & 1 ? odd : even) += 2 * s[i] * s[i];
+  const bool plain = std::max(even, odd) < fx::MAX_32;
 
   auto correlate = [&](int lag) {
     Word32 c = 0;
+    if (plain) {
+      for (int j = 0; j < kFrame; j += 2) c += s[j] * s[j - lag];
+      return 2 * c;
+    }
     for (int j = 0; j < kFrame; j += 2) c = L_mac(c, s[j], s[j - lag]);
     return c;
   };
-  // Best lag of [lo, hi) stepping by step, with its normalised correlation.
+  // The correlation normalised by the energy of the delayed signal.
   auto normalised = [&](Word32 best, int lag) {
     Word32 e = 1;
-    for (int i = 0; i < kFrame; i += 2) e = L_mac(e, s[i - lag], s[i - lag]);
+    if (plain) {
+      for (int i = 0; i < kFrame; i += 2) e += 2 * s[i - lag] * s[i - lag];
+    } else {
+      for (int i = 0; i < kFrame; i += 2) e = L_mac(e, s[i - lag], s[i - lag]);
+    }
     e = invSqrt(e);
     Word16 mh, ml, eh, el;
     L_Extract(best, mh, ml);
@@ -473,9 +496,21 @@ Word16 Encoder::openLoopPitch(const Word16* wsp) {
 void Encoder::correlateTarget(const Word16* h, const Word16* x, Word16* d) {
   Word32 y32[kSubframe];
   Word32 top = 0;
+  // Plain sums are exact when 2 max|x| sum|h| stays below 2^31.
+  int32_t maxX = 0, sumH = 0;
+  for (int i = 0; i < kSubframe; i++) {
+    maxX = std::max(maxX, x[i] < 0 ? -x[i] : +x[i]);
+    sumH += h[i] < 0 ? -h[i] : +h[i];
+  }
+  const bool plain = 2 * int64_t{maxX} * sumH <= fx::MAX_32;
   for (int i = 0; i < kSubframe; i++) {
     Word32 s = 0;
-    for (int j = i; j < kSubframe; j++) s = L_mac(s, x[j], h[j - i]);
+    if (plain) {
+      for (int j = i; j < kSubframe; j++) s += x[j] * h[j - i];
+      s *= 2;
+    } else {
+      for (int j = i; j < kSubframe; j++) s = L_mac(s, x[j], h[j - i]);
+    }
     y32[i] = s;
     s = L_abs(s);
     if (L_sub(s, top) > 0) top = s;
@@ -629,14 +664,25 @@ void Encoder::pulseCorrelations(const Word16* hIn, Word16* rr) {
     const Word16 k = shr(norm_l(e), 1);
     for (int i = 0; i < kSubframe; i++) h[i] = shl(hIn[i], k);
   }
-  // Correlation of pulses at p and q: sum over n <= 39 - max(p, q) of
-  // h[n] h[n + |p - q|], kept in its high 16 bits.
+  // Correlation of pulses at p and q: the sum over n <= 39 - max(p, q) of
+  // h[n] h[n + |p - q|], accumulated from n = 0 and kept in its high 16
+  // bits. Running sums per lag give every entry. When the energy of h is
+  // below 2^31 no partial sum can leave the 32-bit range (Cauchy-Schwarz),
+  // so plain arithmetic is exact; otherwise the saturating operators run.
+  int64_t energy = 0;
+  for (int i = 0; i < kSubframe; i++) energy += 2 * h[i] * h[i];
+  const bool plain = energy <= fx::MAX_32;
+  Word16 cum[kSubframe][kSubframe];  // cum[lag][last]
+  for (int lag = 0; lag < kSubframe; lag++) {
+    Word32 s = 0;
+    for (int n = 0; n + lag < kSubframe; n++) {
+      s = plain ? s + 2 * h[n] * h[n + lag] : L_mac(s, h[n], h[n + lag]);
+      cum[lag][n] = extract_h(s);
+    }
+  }
   auto corr = [&](int p, int q) {
     const int lag = p > q ? p - q : q - p;
-    const int last = kSubframe - 1 - (p > q ? p : q);
-    Word32 s = 0;
-    for (int n = 0; n <= last; n++) s = L_mac(s, h[n], h[n + lag]);
-    return extract_h(s);
+    return cum[lag][kSubframe - 1 - (p > q ? p : q)];
   };
   for (int t = 0; t < kTracks; t++)
     for (int a = 0; a < kPositions; a++) diag(rr, t)[a] = corr(t + kTracks * a, t + kTracks * a);
