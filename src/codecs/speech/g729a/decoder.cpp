@@ -216,11 +216,14 @@ void Decoder::decodeFrame(const Word16* prm, bool erased, int16_t* out) {
     if (m_sharp > kSharpMax) m_sharp = kSharpMax;
     if (m_sharp < kSharpMin) m_sharp = kSharpMin;
 
+    // exc = round(2 (2 exc gp + 2 code gc)) with the saturations of the
+    // operator sequence (the pitch gain is never negative, so the first
+    // product cannot saturate and the sum saturates once).
     for (int i = 0; i < kSubframe; i++) {
-      Word32 t = L_mult(exc[off + i], m_gainPitch);
-      t = L_mac(t, code[i], m_gainCode);
-      t = L_shl(t, 1);
-      exc[off + i] = round(t);
+      const int64_t sum = std::clamp<int64_t>(2 * (int64_t{exc[off + i]} * m_gainPitch + int64_t{code[i]} * m_gainCode),
+                                              fx::MIN_32, fx::MAX_32);
+      const int64_t t = std::clamp<int64_t>(sum * 2, fx::MIN_32, fx::MAX_32);
+      exc[off + i] = static_cast<Word16>(std::min<int64_t>(t + 0x8000, fx::MAX_32) >> 16);
     }
 
     const Word16* a = az + sf * kOrder1;
@@ -447,8 +450,11 @@ void Decoder::highPass(int16_t* out, const Word16* in) {
       t = L_mac(t, m_x1, static_cast<Word16>(b1));
       t = L_mac(t, x2, static_cast<Word16>(b2));
     }
-    t = L_shl(t, 2);
-    out[i] = round(L_shl(t, 1));
+    // Two saturating left shifts (by 2, kept as the filter state, then by
+    // 1) and rounding to 16 bits.
+    t = static_cast<Word32>(std::clamp<int64_t>(int64_t{t} * 4, fx::MIN_32, fx::MAX_32));
+    const int64_t t8 = std::clamp<int64_t>(int64_t{t} * 2, fx::MIN_32, fx::MAX_32);
+    out[i] = static_cast<Word16>(std::min<int64_t>(t8 + 0x8000, fx::MAX_32) >> 16);
     m_y2Hi = m_y1Hi;
     m_y2Lo = m_y1Lo;
     m_y1Hi = static_cast<Word16>(t >> 16);
