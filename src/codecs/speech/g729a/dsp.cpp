@@ -39,56 +39,67 @@ inline int32_t dot(const Word16* a, const Word16* b) {
 // the same result. Otherwise they take the operator sequence itself.
 
 void Dsp::synthesis(const Word16* a, const Word16* x, Word16* y, int lg, Word16* mem, bool update) {
-  // Work buffer: kOrder past outputs followed by the new ones.
-  Word16 buf[kOrder + kFrame];
+  // mem may lie inside y (impulse responses filtered in place): read it first.
+  Word16 hist[kOrder];
   int32_t maxY = 0;
   for (int i = 0; i < kOrder; i++) {
-    buf[i] = mem[i];
+    hist[i] = mem[i];
     maxY = std::max(maxY, absVal(mem[i]));
   }
   int32_t sumA = 0;
   for (int j = 1; j <= kOrder; j++) sumA += absVal(a[j]);
   const int32_t a0 = a[0];
-  Word16* yy = buf + kOrder;
   int32_t maxX = 0;
   for (int n = 0; n < lg; n++) maxX = std::max(maxX, absVal(x[n]));
   // Plain arithmetic is exact while 2 (maxX |a0| + sumA maxY) < 2^31, that
-  // is while maxY stays at or below limY.
+  // is while every output so far stays at or below limY.
   const int64_t room = (kLimit32 - 1) / 2 - int64_t{maxX} * absVal(a0);
   const int64_t limY = sumA == 0 ? (room >= 0 ? 32768 : -1) : (room < 0 ? -1 : room / sumA);
   int n = 0;
   if (maxY <= limY) {
     // The last ten outputs travel in registers: the next output depends on
-    // the previous one, and reloading it from memory would stall.
+    // the previous one, and reloading it from memory would stall. x[n] is
+    // read before y[n] is written, so x and y may be the same array.
     const int32_t a1 = a[1], a2 = a[2], a3 = a[3], a4 = a[4], a5 = a[5];
     const int32_t a6 = a[6], a7 = a[7], a8 = a[8], a9 = a[9], a10 = a[10];
-    int32_t y1 = yy[-1], y2 = yy[-2], y3 = yy[-3], y4 = yy[-4], y5 = yy[-5];
-    int32_t y6 = yy[-6], y7 = yy[-7], y8 = yy[-8], y9 = yy[-9], y10 = yy[-10];
-    for (; n < lg && maxY <= limY; n++) {
+    int32_t y1 = hist[9], y2 = hist[8], y3 = hist[7], y4 = hist[6], y5 = hist[5];
+    int32_t y6 = hist[4], y7 = hist[3], y8 = hist[2], y9 = hist[1], y10 = hist[0];
+    for (; n < lg; n++) {
       const int32_t far = a6 * y6 + a7 * y7 + a8 * y8 + a9 * y9 + a10 * y10;
       const int32_t near = a2 * y2 + a3 * y3 + a4 * y4 + a5 * y5;
       const int32_t acc = a1 * y1 + near + far;
       const Word16 out = round(L_shl(2 * (x[n] * a0 - acc), 3));
-      yy[n] = out;
+      y[n] = out;
       y10 = y9, y9 = y8, y8 = y7, y7 = y6, y6 = y5, y5 = y4, y4 = y3, y3 = y2, y2 = y1, y1 = out;
-      maxY = std::max(maxY, absVal(out));
+      if (absVal(out) > limY) {
+        n++;
+        break;
+      }
     }
   }
-  for (; n < lg; n++) {
-    Word32 s;
-    if (maxY <= limY) {
-      int32_t acc = 0;
-      for (int j = 1; j <= kOrder; j++) acc += a[j] * yy[n - j];
-      s = 2 * (x[n] * a0 - acc);
-    } else {
-      s = L_mult(x[n], a[0]);
-      for (int j = 1; j <= kOrder; j++) s = L_msu(s, a[j], yy[n - j]);
+  if (n < lg) {
+    // Exact operator sequence from here on, over a contiguous history.
+    Word16 buf[kOrder + kFrame];
+    for (int i = 0; i < kOrder; i++) buf[i] = hist[i];
+    for (int i = 0; i < n; i++) buf[kOrder + i] = y[i];
+    for (int i = 0; i < n; i++) maxY = std::max(maxY, absVal(y[i]));
+    Word16* yy = buf + kOrder;
+    for (; n < lg; n++) {
+      Word32 s;
+      if (maxY <= limY) {
+        int32_t acc = 0;
+        for (int j = 1; j <= kOrder; j++) acc += a[j] * yy[n - j];
+        s = 2 * (x[n] * a0 - acc);
+      } else {
+        s = L_mult(x[n], a[0]);
+        for (int j = 1; j <= kOrder; j++) s = L_msu(s, a[j], yy[n - j]);
+      }
+      s = L_shl(s, 3);
+      yy[n] = round(s);
+      y[n] = yy[n];
+      maxY = std::max(maxY, absVal(yy[n]));
     }
-    s = L_shl(s, 3);
-    yy[n] = round(s);
-    maxY = std::max(maxY, absVal(yy[n]));
   }
-  for (int n = 0; n < lg; n++) y[n] = yy[n];
   if (update)
     for (int i = 0; i < kOrder; i++) mem[i] = y[lg - kOrder + i];
 }
