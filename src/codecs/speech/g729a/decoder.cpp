@@ -219,9 +219,9 @@ void Decoder::decodeFrame(const Word16* prm, bool erased, int16_t* out) {
     // exc = round(2 (2 exc gp + 2 code gc)) with the saturations of the
     // operator sequence (the pitch gain is never negative, so the first
     // product cannot saturate and the sum saturates once).
+    const int64_t gp = m_gainPitch, gc = m_gainCode;
     for (int i = 0; i < kSubframe; i++) {
-      const int64_t sum = std::clamp<int64_t>(2 * (int64_t{exc[off + i]} * m_gainPitch + int64_t{code[i]} * m_gainCode),
-                                              fx::MIN_32, fx::MAX_32);
+      const int64_t sum = std::clamp<int64_t>(2 * (exc[off + i] * gp + code[i] * gc), fx::MIN_32, fx::MAX_32);
       const int64_t t = std::clamp<int64_t>(sum * 2, fx::MIN_32, fx::MAX_32);
       exc[off + i] = static_cast<Word16>(std::min<int64_t>(t + 0x8000, fx::MAX_32) >> 16);
     }
@@ -434,32 +434,40 @@ void Decoder::highPass(int16_t* out, const Word16* in) {
   // feed-forward taps cannot push any partial sum out of range.
   constexpr int64_t kMaxFeedback = 2 * (32768LL * 15836 + 15836) + 2 * (32768LL * 7667 + 7667);
   constexpr int64_t kSafeInput = ((int64_t{1} << 31) - 1 - kMaxFeedback) / (2 * (7699 + 15398 + 7699));
-  int32_t maxX = std::max(m_x0 < 0 ? -m_x0 : +m_x0, m_x1 < 0 ? -m_x1 : +m_x1);
+  // The state lives in locals: the output stores could otherwise alias it.
+  int32_t x0 = m_x0, x1 = m_x1, y1Hi = m_y1Hi, y1Lo = m_y1Lo, y2Hi = m_y2Hi, y2Lo = m_y2Lo;
+  int32_t maxX = std::max(x0 < 0 ? -x0 : x0, x1 < 0 ? -x1 : x1);
   for (int i = 0; i < kFrame; i++) maxX = std::max(maxX, in[i] < 0 ? -in[i] : +in[i]);
   const bool plain = maxX <= kSafeInput;
   for (int i = 0; i < kFrame; i++) {
-    const Word16 x2 = m_x1;
-    m_x1 = m_x0;
-    m_x0 = in[i];
-    const int32_t fb = 2 * (m_y1Hi * a1 + ((m_y1Lo * a1) >> 15)) + 2 * (m_y2Hi * a2 + ((m_y2Lo * a2) >> 15));
+    const int32_t x2 = x1;
+    x1 = x0;
+    x0 = in[i];
+    const int32_t fb = 2 * (y1Hi * a1 + ((y1Lo * a1) >> 15)) + 2 * (y2Hi * a2 + ((y2Lo * a2) >> 15));
     Word32 t;
     if (plain) {
-      t = fb + 2 * (m_x0 * b0 + m_x1 * b1 + x2 * b2);
+      t = fb + 2 * (x0 * b0 + x1 * b1 + x2 * b2);
     } else {
-      t = L_mac(fb, m_x0, static_cast<Word16>(b0));
-      t = L_mac(t, m_x1, static_cast<Word16>(b1));
-      t = L_mac(t, x2, static_cast<Word16>(b2));
+      t = L_mac(fb, static_cast<Word16>(x0), static_cast<Word16>(b0));
+      t = L_mac(t, static_cast<Word16>(x1), static_cast<Word16>(b1));
+      t = L_mac(t, static_cast<Word16>(x2), static_cast<Word16>(b2));
     }
     // Two saturating left shifts (by 2, kept as the filter state, then by
     // 1) and rounding to 16 bits.
     t = static_cast<Word32>(std::clamp<int64_t>(int64_t{t} * 4, fx::MIN_32, fx::MAX_32));
     const int64_t t8 = std::clamp<int64_t>(int64_t{t} * 2, fx::MIN_32, fx::MAX_32);
     out[i] = static_cast<Word16>(std::min<int64_t>(t8 + 0x8000, fx::MAX_32) >> 16);
-    m_y2Hi = m_y1Hi;
-    m_y2Lo = m_y1Lo;
-    m_y1Hi = static_cast<Word16>(t >> 16);
-    m_y1Lo = static_cast<Word16>((t >> 1) & 0x7fff);
+    y2Hi = y1Hi;
+    y2Lo = y1Lo;
+    y1Hi = t >> 16;
+    y1Lo = (t >> 1) & 0x7fff;
   }
+  m_x0 = static_cast<Word16>(x0);
+  m_x1 = static_cast<Word16>(x1);
+  m_y1Hi = static_cast<Word16>(y1Hi);
+  m_y1Lo = static_cast<Word16>(y1Lo);
+  m_y2Hi = static_cast<Word16>(y2Hi);
+  m_y2Lo = static_cast<Word16>(y2Lo);
 }
 
 }  // namespace quillon::g729a

@@ -133,30 +133,40 @@ void Dsp::weightAz(const Word16* a, Word16 gamma, Word16* ap) {
   ap[kOrder] = round(L_mult(a[kOrder], fac));
 }
 
+namespace {
+inline int64_t sat32(int64_t v) { return std::clamp<int64_t>(v, fx::MIN_32, fx::MAX_32); }
+// Mpy_32_16 of the double-precision value held in t (hi = t >> 16,
+// lo = (t >> 1) & 0x7fff) by q, with L_mult's single saturating case.
+inline int64_t mpy32by16(int32_t t, int32_t q) {
+  const int32_t hi = t >> 16, lo = (t >> 1) & 0x7fff;
+  const int64_t p = (hi == -32768 && q == -32768) ? fx::MAX_32 : 2 * int64_t{hi} * q;
+  return sat32(p + 2 * ((lo * q) >> 15));
+}
+}  // namespace
+
 void Dsp::lspToAz(const Word16* lsp, Word16* a) {
+  // Each saturating operator is one clamp of its exact 64-bit result.
   Word32 f1[6], f2[6];
   // F1 from the even LSPs, F2 from the odd ones.
   for (int which = 0; which < 2; which++) {
     Word32* f = which == 0 ? f1 : f2;
     const Word16* l = lsp + which;
-    f[0] = L_mult(4096, 2048);  // 1.0 in Q24
-    f[1] = L_msu(0, l[0], 512);  // -2 lsp[0] in Q24
+    f[0] = 1 << 24;                                   // 1.0 in Q24
+    f[1] = static_cast<Word32>(-1024 * int32_t{l[0]});  // -2 lsp[0] in Q24
     for (int i = 2; i <= 5; i++) {
-      const Word16 q = l[2 * (i - 1)];
+      const int32_t q = l[2 * (i - 1)];
       f[i] = f[i - 2];
       for (int j = i; j > 1; j--) {
-        Word16 hi, lo;
-        L_Extract(f[j - 1], hi, lo);
-        Word32 t0 = L_shl(Mpy_32_16(hi, lo, q), 1);
-        f[j] = L_add(f[j], f[j - 2]);
-        f[j] = L_sub(f[j], t0);
+        const int64_t t0 = sat32(2 * mpy32by16(f[j - 1], q));
+        const int64_t sum = sat32(int64_t{f[j]} + f[j - 2]);
+        f[j] = static_cast<Word32>(sat32(sum - t0));
       }
-      f[1] = L_msu(f[1], q, 512);
+      f[1] = static_cast<Word32>(sat32(int64_t{f[1]} - 1024 * q));
     }
   }
   for (int i = 5; i > 0; i--) {
-    f1[i] = L_add(f1[i], f1[i - 1]);
-    f2[i] = L_sub(f2[i], f2[i - 1]);
+    f1[i] = static_cast<Word32>(sat32(int64_t{f1[i]} + f1[i - 1]));
+    f2[i] = static_cast<Word32>(sat32(int64_t{f2[i]} - f2[i - 1]));
   }
   a[0] = 4096;
   for (int i = 1, j = 10; i <= 5; i++, j--) {
