@@ -1,5 +1,6 @@
 #include "codecs/speech/g729a/decoder.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "codecs/speech/g729a/tables.h"
@@ -66,13 +67,6 @@ void Decoder::unpack(const uint8_t in[kFrameBytes], Word16 prm[kParamCount]) {
   }
 }
 
-Word16 Decoder::pitchParity(Word16 pitchIndex) {
-  // 1 + the six most significant of the 8 bits, modulo 2.
-  int sum = 1;
-  for (int i = 2; i <= 7; i++) sum += (pitchIndex >> i) & 1;
-  return static_cast<Word16>(sum & 1);
-}
-
 void Decoder::decode(const uint8_t in[kFrameBytes], int16_t out[kFrameSamples]) {
   Word16 prm[kParamCount];
   unpack(in, prm);
@@ -104,14 +98,7 @@ void Decoder::decodeLsp(const Word16* prm, bool erased, Word16* lspNew) {
     // have produced it.
     std::memcpy(lsf, m_prevLsf, sizeof lsf);
     Word16 ele[kOrder];
-    const Word16 (*fg)[kOrder] = tab::kLspMaPred[m_prevMode];
-    for (int j = 0; j < kOrder; j++) {
-      Word32 t = L_deposit_h(m_prevLsf[j]);
-      for (int k = 0; k < 4; k++) t = L_msu(t, m_lsfMem[k][j], fg[k][j]);
-      Word16 tmp = extract_h(t);
-      t = L_mult(tmp, tab::kLspMaSumInv[m_prevMode][j]);
-      ele[j] = extract_h(L_shl(t, 3));
-    }
+    lspExtract(m_prevLsf, ele, m_prevMode, m_lsfMem);
     lspShiftMemory(ele, m_lsfMem);
   }
   lsfToLsp(lsf, lspNew);
@@ -229,11 +216,14 @@ void Decoder::decodeFrame(const Word16* prm, bool erased, int16_t* out) {
     if (m_sharp > kSharpMax) m_sharp = kSharpMax;
     if (m_sharp < kSharpMin) m_sharp = kSharpMin;
 
+    // exc = round(2 (2 exc gp + 2 code gc)) with the saturations of the
+    // operator sequence (the pitch gain is never negative, so the first
+    // product cannot saturate and the sum saturates once).
+    const int64_t gp = m_gainPitch, gc = m_gainCode;
     for (int i = 0; i < kSubframe; i++) {
-      Word32 t = L_mult(exc[off + i], m_gainPitch);
-      t = L_mac(t, code[i], m_gainCode);
-      t = L_shl(t, 1);
-      exc[off + i] = round(t);
+      const int64_t sum = std::clamp<int64_t>(2 * (exc[off + i] * gp + code[i] * gc), fx::MIN_32, fx::MAX_32);
+      const int64_t t = std::clamp<int64_t>(sum * 2, fx::MIN_32, fx::MAX_32);
+      exc[off + i] = static_cast<Word16>(std::min<int64_t>(t + 0x8000, fx::MAX_32) >> 16);
     }
 
     const Word16* a = az + sf * kOrder1;
@@ -307,19 +297,42 @@ void Decoder::postFilter(Word16* syn, const Word16* az, const Word16* lags, Word
 void Decoder::pitchPostFilter(const Word16* sig, const Word16* scaled, Word16 t0Min, Word16 t0Max, Word16* out) {
   Word32 corMax = fx::MIN_32;
   int t0 = t0Min;
-  for (int i = t0Min; i <= t0Max; i++) {
-    const Word16* d = scaled - i;
-    Word32 corr = 0;
-    for (int j = 0; j < kSubframe; j++) corr = L_mac(corr, scaled[j], d[j]);
-    if (L_sub(corr, corMax) > 0) {
-      corMax = corr;
-      t0 = i;
+  Word32 ener = 1, ener0 = 1;
+  // With every |sample| below 5180, 40 products of two samples (doubled)
+  // plus one stay below 2^31, so plain sums equal the saturating ones.
+  int maxAbs = 0;
+  for (int i = -t0Max; i < kSubframe; i++) maxAbs = std::max(maxAbs, scaled[i] < 0 ? -scaled[i] : +scaled[i]);
+  if (maxAbs < 5180) {
+    for (int i = t0Min; i <= t0Max; i++) {
+      const Word16* d = scaled - i;
+      int32_t corr = 0;
+      for (int j = 0; j < kSubframe; j++) corr += scaled[j] * d[j];
+      corr *= 2;
+      if (corr > corMax) {
+        corMax = corr;
+        t0 = i;
+      }
     }
+    int32_t e = 0, e0 = 0;
+    for (int i = 0; i < kSubframe; i++) {
+      e += scaled[i - t0] * scaled[i - t0];
+      e0 += scaled[i] * scaled[i];
+    }
+    ener = 2 * e + 1;
+    ener0 = 2 * e0 + 1;
+  } else {
+    for (int i = t0Min; i <= t0Max; i++) {
+      const Word16* d = scaled - i;
+      Word32 corr = 0;
+      for (int j = 0; j < kSubframe; j++) corr = L_mac(corr, scaled[j], d[j]);
+      if (L_sub(corr, corMax) > 0) {
+        corMax = corr;
+        t0 = i;
+      }
+    }
+    for (int i = 0; i < kSubframe; i++) ener = L_mac(ener, scaled[i - t0], scaled[i - t0]);
+    for (int i = 0; i < kSubframe; i++) ener0 = L_mac(ener0, scaled[i], scaled[i]);
   }
-  Word32 ener = 1;
-  for (int i = 0; i < kSubframe; i++) ener = L_mac(ener, scaled[i - t0], scaled[i - t0]);
-  Word32 ener0 = 1;
-  for (int i = 0; i < kSubframe; i++) ener0 = L_mac(ener0, scaled[i], scaled[i]);
   if (corMax < 0) corMax = 0;
 
   Word32 top = corMax;
@@ -362,11 +375,22 @@ void Decoder::tiltCompensate(Word16* sig, Word16 g) {
   m_tiltMem = last;
 }
 
+namespace {
+// Saturating sum of (x[i] >> 2)^2 doubled: the terms are never negative, so
+// the running sum saturates exactly when the plain total exceeds 2^31 - 1.
+Word32 quarterEnergy(const Word16* x) {
+  int64_t s = 0;
+  for (int i = 0; i < kSubframe; i++) {
+    const int32_t v = x[i] >> 2;
+    s += v * v;
+  }
+  s *= 2;
+  return s > fx::MAX_32 ? fx::MAX_32 : static_cast<Word32>(s);
+}
+}  // namespace
+
 void Decoder::gainControl(const Word16* in, Word16* out) {
-  Word16 tmp[kSubframe];
-  for (int i = 0; i < kSubframe; i++) tmp[i] = shr(out[i], 2);
-  Word32 s = 0;
-  for (int i = 0; i < kSubframe; i++) s = L_mac(s, tmp[i], tmp[i]);
+  Word32 s = quarterEnergy(out);
   if (s == 0) {
     m_pastGain = 0;
     return;
@@ -374,9 +398,7 @@ void Decoder::gainControl(const Word16* in, Word16* out) {
   Word16 exp = sub(norm_l(s), 1);
   const Word16 gainOut = round(L_shl(s, exp));
 
-  for (int i = 0; i < kSubframe; i++) tmp[i] = shr(in[i], 2);
-  s = 0;
-  for (int i = 0; i < kSubframe; i++) s = L_mac(s, tmp[i], tmp[i]);
+  s = quarterEnergy(in);
   Word16 g0;
   if (s == 0) {
     g0 = 0;
@@ -401,21 +423,51 @@ void Decoder::gainControl(const Word16* in, Word16* out) {
 }
 
 void Decoder::highPass(int16_t* out, const Word16* in) {
+  // y[n] = b0 x[n] + b1 x[n-1] + b2 x[n-2] + a1 y[n-1] + a2 y[n-2], with the
+  // feedback terms in double precision. The two feedback products cannot
+  // saturate (|a1|, |a2| < 2^14), nor can their sum; the feed-forward
+  // accumulation is checked in 64 bits and redone with the operators when
+  // it leaves the 32-bit range.
+  const int32_t a1 = tab::kPostHpA[1], a2 = tab::kPostHpA[2];
+  const int32_t b0 = tab::kPostHpB[0], b1 = tab::kPostHpB[1], b2 = tab::kPostHpB[2];
+  // Largest possible feedback sum, and the input magnitude below which the
+  // feed-forward taps cannot push any partial sum out of range.
+  constexpr int64_t kMaxFeedback = 2 * (32768LL * 15836 + 15836) + 2 * (32768LL * 7667 + 7667);
+  constexpr int64_t kSafeInput = ((int64_t{1} << 31) - 1 - kMaxFeedback) / (2 * (7699 + 15398 + 7699));
+  // The state lives in locals: the output stores could otherwise alias it.
+  int32_t x0 = m_x0, x1 = m_x1, y1Hi = m_y1Hi, y1Lo = m_y1Lo, y2Hi = m_y2Hi, y2Lo = m_y2Lo;
+  int32_t maxX = std::max(x0 < 0 ? -x0 : x0, x1 < 0 ? -x1 : x1);
+  for (int i = 0; i < kFrame; i++) maxX = std::max(maxX, in[i] < 0 ? -in[i] : +in[i]);
+  const bool plain = maxX <= kSafeInput;
   for (int i = 0; i < kFrame; i++) {
-    const Word16 x2 = m_x1;
-    m_x1 = m_x0;
-    m_x0 = in[i];
-    Word32 t = Mpy_32_16(m_y1Hi, m_y1Lo, tab::kPostHpA[1]);
-    t = L_add(t, Mpy_32_16(m_y2Hi, m_y2Lo, tab::kPostHpA[2]));
-    t = L_mac(t, m_x0, tab::kPostHpB[0]);
-    t = L_mac(t, m_x1, tab::kPostHpB[1]);
-    t = L_mac(t, x2, tab::kPostHpB[2]);
-    t = L_shl(t, 2);
-    out[i] = round(L_shl(t, 1));
-    m_y2Hi = m_y1Hi;
-    m_y2Lo = m_y1Lo;
-    L_Extract(t, m_y1Hi, m_y1Lo);
+    const int32_t x2 = x1;
+    x1 = x0;
+    x0 = in[i];
+    const int32_t fb = 2 * (y1Hi * a1 + ((y1Lo * a1) >> 15)) + 2 * (y2Hi * a2 + ((y2Lo * a2) >> 15));
+    Word32 t;
+    if (plain) {
+      t = fb + 2 * (x0 * b0 + x1 * b1 + x2 * b2);
+    } else {
+      t = L_mac(fb, static_cast<Word16>(x0), static_cast<Word16>(b0));
+      t = L_mac(t, static_cast<Word16>(x1), static_cast<Word16>(b1));
+      t = L_mac(t, static_cast<Word16>(x2), static_cast<Word16>(b2));
+    }
+    // Two saturating left shifts (by 2, kept as the filter state, then by
+    // 1) and rounding to 16 bits.
+    t = static_cast<Word32>(std::clamp<int64_t>(int64_t{t} * 4, fx::MIN_32, fx::MAX_32));
+    const int64_t t8 = std::clamp<int64_t>(int64_t{t} * 2, fx::MIN_32, fx::MAX_32);
+    out[i] = static_cast<Word16>(std::min<int64_t>(t8 + 0x8000, fx::MAX_32) >> 16);
+    y2Hi = y1Hi;
+    y2Lo = y1Lo;
+    y1Hi = t >> 16;
+    y1Lo = (t >> 1) & 0x7fff;
   }
+  m_x0 = static_cast<Word16>(x0);
+  m_x1 = static_cast<Word16>(x1);
+  m_y1Hi = static_cast<Word16>(y1Hi);
+  m_y1Lo = static_cast<Word16>(y1Lo);
+  m_y2Hi = static_cast<Word16>(y2Hi);
+  m_y2Lo = static_cast<Word16>(y2Lo);
 }
 
 }  // namespace quillon::g729a

@@ -33,9 +33,7 @@ class Decoder : private Dsp {
   // Splits a packed frame into its 11 parameters.
   static void unpack(const uint8_t in[kFrameBytes], Word16 prm[kParamCount]);
 
-  // Parity of the first-subframe pitch index as transmitted (the parity bit
-  // that goes with it).
-  static Word16 pitchParity(Word16 pitchIndex);
+  using Dsp::pitchParity;
 
  private:
   void decodeFrame(const Word16* prm, bool erased, int16_t* out);

@@ -1,5 +1,6 @@
 #include "codecs/speech/g729a/dsp.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "codec/trace.h"
@@ -19,23 +20,101 @@ Word16 Dsp::div_s(Word16 num, Word16 den) {
   return fx::BasicOps::div_s(num, den);
 }
 
+namespace {
+inline int32_t absVal(int32_t v) { return v < 0 ? -v : v; }
+constexpr int64_t kLimit32 = int64_t{1} << 31;
+
+// Plain dot product of two runs of N samples (the compiler vectorises it).
+template <int N>
+inline int32_t dot(const Word16* a, const Word16* b) {
+  int32_t acc = 0;
+  for (int k = 0; k < N; k++) acc += static_cast<int32_t>(a[k]) * b[k];
+  return acc;
+}
+}  // namespace
+
+// The filters below accumulate in plain 32-bit arithmetic whenever a bound
+// on the sum of the magnitudes of all terms shows that no partial sum can
+// leave the 32-bit range; the saturating operator sequence would then give
+// the same result. Otherwise they take the operator sequence itself.
+
 void Dsp::synthesis(const Word16* a, const Word16* x, Word16* y, int lg, Word16* mem, bool update) {
-  // Work buffer: kOrder past outputs followed by the new ones.
-  Word16 buf[kOrder + kFrame];
-  for (int i = 0; i < kOrder; i++) buf[i] = mem[i];
-  Word16* yy = buf + kOrder;
-  for (int n = 0; n < lg; n++) {
-    Word32 s = L_mult(x[n], a[0]);
-    for (int j = 1; j <= kOrder; j++) s = L_msu(s, a[j], yy[n - j]);
-    s = L_shl(s, 3);
-    yy[n] = round(s);
+  // mem may lie inside y (impulse responses filtered in place): read it first.
+  Word16 hist[kOrder];
+  int32_t maxY = 0;
+  for (int i = 0; i < kOrder; i++) {
+    hist[i] = mem[i];
+    maxY = std::max(maxY, absVal(mem[i]));
   }
-  for (int n = 0; n < lg; n++) y[n] = yy[n];
+  int32_t sumA = 0;
+  for (int j = 1; j <= kOrder; j++) sumA += absVal(a[j]);
+  const int32_t a0 = a[0];
+  int32_t maxX = 0;
+  for (int n = 0; n < lg; n++) maxX = std::max(maxX, absVal(x[n]));
+  // Plain arithmetic is exact while 2 (maxX |a0| + sumA maxY) < 2^31, that
+  // is while every output so far stays at or below limY.
+  const int64_t room = (kLimit32 - 1) / 2 - int64_t{maxX} * absVal(a0);
+  const int64_t limY = sumA == 0 ? (room >= 0 ? 32768 : -1) : (room < 0 ? -1 : room / sumA);
+  int n = 0;
+  if (maxY <= limY) {
+    // The last ten outputs travel in registers: the next output depends on
+    // the previous one, and reloading it from memory would stall. x[n] is
+    // read before y[n] is written, so x and y may be the same array.
+    const int32_t a1 = a[1], a2 = a[2], a3 = a[3], a4 = a[4], a5 = a[5];
+    const int32_t a6 = a[6], a7 = a[7], a8 = a[8], a9 = a[9], a10 = a[10];
+    int32_t y1 = hist[9], y2 = hist[8], y3 = hist[7], y4 = hist[6], y5 = hist[5];
+    int32_t y6 = hist[4], y7 = hist[3], y8 = hist[2], y9 = hist[1], y10 = hist[0];
+    for (; n < lg; n++) {
+      const int32_t far = a6 * y6 + a7 * y7 + a8 * y8 + a9 * y9 + a10 * y10;
+      const int32_t near = a2 * y2 + a3 * y3 + a4 * y4 + a5 * y5;
+      const int32_t acc = a1 * y1 + near + far;
+      const Word16 out = round(L_shl(2 * (x[n] * a0 - acc), 3));
+      y[n] = out;
+      y10 = y9, y9 = y8, y8 = y7, y7 = y6, y6 = y5, y5 = y4, y4 = y3, y3 = y2, y2 = y1, y1 = out;
+      if (absVal(out) > limY) {
+        n++;
+        break;
+      }
+    }
+  }
+  if (n < lg) {
+    // Exact operator sequence from here on, over a contiguous history.
+    Word16 buf[kOrder + kFrame];
+    for (int i = 0; i < kOrder; i++) buf[i] = hist[i];
+    for (int i = 0; i < n; i++) buf[kOrder + i] = y[i];
+    for (int i = 0; i < n; i++) maxY = std::max(maxY, absVal(y[i]));
+    Word16* yy = buf + kOrder;
+    for (; n < lg; n++) {
+      Word32 s;
+      if (maxY <= limY) {
+        int32_t acc = 0;
+        for (int j = 1; j <= kOrder; j++) acc += a[j] * yy[n - j];
+        s = 2 * (x[n] * a0 - acc);
+      } else {
+        s = L_mult(x[n], a[0]);
+        for (int j = 1; j <= kOrder; j++) s = L_msu(s, a[j], yy[n - j]);
+      }
+      s = L_shl(s, 3);
+      yy[n] = round(s);
+      y[n] = yy[n];
+      maxY = std::max(maxY, absVal(yy[n]));
+    }
+  }
   if (update)
     for (int i = 0; i < kOrder; i++) mem[i] = y[lg - kOrder + i];
 }
 
 void Dsp::residual(const Word16* a, const Word16* x, Word16* y, int lg) {
+  int32_t maxX = 0;
+  for (int n = -kOrder; n < lg; n++) maxX = std::max(maxX, absVal(x[n]));
+  int32_t sumA = 0;
+  for (int j = 0; j <= kOrder; j++) sumA += absVal(a[j]);
+  if (2 * int64_t{sumA} * maxX < kLimit32) {
+    Word16 rev[kOrder1];
+    for (int k = 0; k <= kOrder; k++) rev[k] = a[kOrder - k];
+    for (int n = 0; n < lg; n++) y[n] = round(L_shl(2 * dot<kOrder1>(rev, x + n - kOrder), 3));
+    return;
+  }
   for (int n = 0; n < lg; n++) {
     Word32 s = L_mult(x[n], a[0]);
     for (int j = 1; j <= kOrder; j++) s = L_mac(s, a[j], x[n - j]);
@@ -54,30 +133,40 @@ void Dsp::weightAz(const Word16* a, Word16 gamma, Word16* ap) {
   ap[kOrder] = round(L_mult(a[kOrder], fac));
 }
 
+namespace {
+inline int64_t sat32(int64_t v) { return std::clamp<int64_t>(v, fx::MIN_32, fx::MAX_32); }
+// Mpy_32_16 of the double-precision value held in t (hi = t >> 16,
+// lo = (t >> 1) & 0x7fff) by q, with L_mult's single saturating case.
+inline int64_t mpy32by16(int32_t t, int32_t q) {
+  const int32_t hi = t >> 16, lo = (t >> 1) & 0x7fff;
+  const int64_t p = (hi == -32768 && q == -32768) ? fx::MAX_32 : 2 * int64_t{hi} * q;
+  return sat32(p + 2 * ((lo * q) >> 15));
+}
+}  // namespace
+
 void Dsp::lspToAz(const Word16* lsp, Word16* a) {
+  // Each saturating operator is one clamp of its exact 64-bit result.
   Word32 f1[6], f2[6];
   // F1 from the even LSPs, F2 from the odd ones.
   for (int which = 0; which < 2; which++) {
     Word32* f = which == 0 ? f1 : f2;
     const Word16* l = lsp + which;
-    f[0] = L_mult(4096, 2048);  // 1.0 in Q24
-    f[1] = L_msu(0, l[0], 512);  // -2 lsp[0] in Q24
+    f[0] = 1 << 24;                                   // 1.0 in Q24
+    f[1] = static_cast<Word32>(-1024 * int32_t{l[0]});  // -2 lsp[0] in Q24
     for (int i = 2; i <= 5; i++) {
-      const Word16 q = l[2 * (i - 1)];
+      const int32_t q = l[2 * (i - 1)];
       f[i] = f[i - 2];
       for (int j = i; j > 1; j--) {
-        Word16 hi, lo;
-        L_Extract(f[j - 1], hi, lo);
-        Word32 t0 = L_shl(Mpy_32_16(hi, lo, q), 1);
-        f[j] = L_add(f[j], f[j - 2]);
-        f[j] = L_sub(f[j], t0);
+        const int64_t t0 = sat32(2 * mpy32by16(f[j - 1], q));
+        const int64_t sum = sat32(int64_t{f[j]} + f[j - 2]);
+        f[j] = static_cast<Word32>(sat32(sum - t0));
       }
-      f[1] = L_msu(f[1], q, 512);
+      f[1] = static_cast<Word32>(sat32(int64_t{f[1]} - 1024 * q));
     }
   }
   for (int i = 5; i > 0; i--) {
-    f1[i] = L_add(f1[i], f1[i - 1]);
-    f2[i] = L_sub(f2[i], f2[i - 1]);
+    f1[i] = static_cast<Word32>(sat32(int64_t{f1[i]} + f1[i - 1]));
+    f2[i] = static_cast<Word32>(sat32(int64_t{f2[i]} - f2[i - 1]));
   }
   a[0] = 4096;
   for (int i = 1, j = 10; i <= 5; i++, j--) {
@@ -127,15 +216,34 @@ void Dsp::predictLongTerm(Word16* exc, int t0, int frac, int n) {
   }
   const Word16* c1 = &tab::kInterp3[frac];
   const Word16* c2 = &tab::kInterp3[3 - frac];
+  int32_t sumC = 0;
+  for (int k = 0; k < 30; k += 3) sumC += absVal(c1[k]) + absVal(c2[k]);
+  // Largest input magnitude so far: the past excitation read by the filter,
+  // then each new output as it is produced (outputs may be read back when
+  // the delay is short).
+  int32_t maxX = 0;
+  for (const Word16* p = x0 - 9; p < exc; p++) maxX = std::max(maxX, absVal(*p));
+  // The 20 taps in sample order: x0[-9..0] with c1 reversed, x0[1..10] with c2.
+  Word16 taps[20];
+  for (int i = 0; i < 10; i++) {
+    taps[9 - i] = c1[3 * i];
+    taps[10 + i] = c2[3 * i];
+  }
   for (int j = 0; j < n; j++, x0++) {
     const Word16* x1 = x0;
     const Word16* x2 = x0 + 1;
-    Word32 s = 0;
-    for (int i = 0, k = 0; i < 10; i++, k += 3) {
-      s = L_mac(s, x1[-i], c1[k]);
-      s = L_mac(s, x2[i], c2[k]);
+    Word32 s;
+    if (2 * int64_t{sumC} * maxX < kLimit32) {
+      s = 2 * dot<20>(taps, x0 - 9);
+    } else {
+      s = 0;
+      for (int i = 0, k = 0; i < 10; i++, k += 3) {
+        s = L_mac(s, x1[-i], c1[k]);
+        s = L_mac(s, x2[i], c2[k]);
+      }
     }
     exc[j] = round(s);
+    maxX = std::max(maxX, absVal(exc[j]));
   }
 }
 
@@ -268,6 +376,17 @@ void Dsp::lspStabilise(Word16* buf) {
   if (sub(buf[kOrder - 1], 25681) > 0) {
     buf[kOrder - 1] = 25681;
     tracePrintf("lsp_stability warning High \n");
+  }
+}
+
+void Dsp::lspExtract(const Word16* lsf, Word16* ele, int mode, const Word16 (*mem)[kOrder]) {
+  const Word16 (*fg)[kOrder] = tab::kLspMaPred[mode];
+  for (int j = 0; j < kOrder; j++) {
+    Word32 t = L_deposit_h(lsf[j]);
+    for (int k = 0; k < 4; k++) t = L_msu(t, mem[k][j], fg[k][j]);
+    const Word16 tmp = extract_h(t);
+    t = L_mult(tmp, tab::kLspMaSumInv[mode][j]);
+    ele[j] = extract_h(L_shl(t, 3));
   }
 }
 

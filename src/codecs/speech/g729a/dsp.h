@@ -34,6 +34,15 @@ inline constexpr Word16 kLsfMemInit[kOrder] = {2339, 4679, 7018, 9358, 11698, 14
 inline constexpr Word16 kGainMemInit = -14336;  // -14 dB in Q10
 
 class Dsp : public fx::BasicOps {
+ public:
+  // Parity bit sent with the first-subframe pitch index (over its six most
+  // significant bits).
+  static Word16 pitchParity(Word16 pitchIndex) {
+    int sum = 1;
+    for (int i = 2; i <= 7; i++) sum += (pitchIndex >> i) & 1;
+    return static_cast<Word16>(sum & 1);
+  }
+
  protected:
   // div_s with the fatal exits of the reference arithmetic: a quotient
   // outside [0, 1] or a zero divisor prints a message and ends the process.
@@ -72,6 +81,8 @@ class Dsp : public fx::BasicOps {
                   const Word16* fgSum);
   static void lspShiftMemory(const Word16* ele, Word16 (*mem)[kOrder]);
   void lspStabilise(Word16* buf);
+  // The predictor input that would give lsf with the current memory.
+  void lspExtract(const Word16* lsf, Word16* ele, int mode, const Word16 (*mem)[kOrder]);
   // Builds the quantised LSF from the codebook indices and updates the
   // predictor memory.
   void lspDequantise(int code0, int code1, int code2, int mode, Word16 (*mem)[kOrder], Word16* lsfOut);
