@@ -126,3 +126,19 @@ TEST(CodecBench, EncodesOnceAndDecodesTheChosenNumberOfTimes) {
   EXPECT_NE(text.find("size2 0  retsize 0  size1 40\n"), std::string::npos) << text;
   EXPECT_EQ(readAll("testVectors/outencoded.g729").size(), 60u);
 }
+
+#ifndef _WIN32
+// Without a testVectors folder the names as written are plain files of the
+// working directory.
+TEST(CodecBench, NamesAsWrittenWithoutTheFolder) {
+  FakeSlot slot(25);
+  quillon::test::TraceMuted mute;
+  BenchRun r;
+  std::vector<char> pcm(318, 1);
+  std::ofstream("testVectors\\sample16.pcm", std::ios::binary).write(pcm.data(), pcm.size());
+  const std::string text = r.run(1);
+  EXPECT_NE(text.find("size2 0  retsize 160  size1 158\n"), std::string::npos) << text;
+  EXPECT_EQ(fs::file_size("testVectors\\outencoded.g729"), 10u);
+  EXPECT_EQ(fs::file_size("testVectors\\testCodecLibG729A.pcm"), 160u);
+}
+#endif
