@@ -39,6 +39,17 @@ TEST(BasicOps, ShiftsSaturateAndRoundLikeTheReference) {
   EXPECT_TRUE(q.Overflow);
   EXPECT_EQ(q.L_shl(static_cast<Word32>(0xc0000000u), 1), MIN_32);
   EXPECT_EQ(q.L_shl(static_cast<Word32>(0xbfffffffu), 1), MIN_32);
+  BasicOps r;
+  EXPECT_EQ(r.L_shl(-1, 31), MIN_32);  // fits exactly
+  EXPECT_EQ(r.L_shl(0x0fffffff, 3), 0x7ffffff8);
+  EXPECT_EQ(r.L_shl(static_cast<Word32>(0xf0000000u), 3), MIN_32);
+  EXPECT_EQ(r.L_shl(0, 40), 0);
+  EXPECT_FALSE(r.Overflow);
+  EXPECT_EQ(r.L_shl(0x10000000, 3), MAX_32);
+  EXPECT_TRUE(r.Overflow);
+  BasicOps t;
+  EXPECT_EQ(t.L_shl(-1, 32), MIN_32);
+  EXPECT_TRUE(t.Overflow);
   EXPECT_EQ(q.L_shr(MIN_32, 31), -1);
   EXPECT_EQ(q.L_shr(MIN_32, -1), MIN_32);
   EXPECT_EQ(q.L_shr_r(3, 1), 2);

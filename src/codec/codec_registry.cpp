@@ -4,6 +4,7 @@
 
 #include "quillon/codecs/codec_g711.h"
 #include "quillon/codecs/codec_g72x.h"
+#include "quillon/codecs/codec_lib_adapter.h"
 #include "quillon/codecs/codec_msadpcm32.h"
 #include "quillon/codecs/codec_opus.h"
 #include "quillon/codecs/codec_pcm_linear.h"
@@ -44,7 +45,7 @@ Codec* createCodecFor(CompressionType code) {
     case CT_G722_MODE2:
     case CT_G722_MODE3:
     case CT_AMRWB:
-      return nullptr;  // CodecLibAdapter
+      return make<CodecLibAdapter>();
     case CT_ICELP48:
       return nullptr;  // CodecICELP48
     case CT_TETRA:

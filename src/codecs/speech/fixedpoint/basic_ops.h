@@ -145,14 +145,18 @@ class BasicOps {
   Word32 L_macNs(Word32 acc, Word16 a, Word16 b) { return L_add_c(acc, L_mult(a, b)); }
   Word32 L_msuNs(Word32 acc, Word16 a, Word16 b) { return L_sub_c(acc, L_mult(a, b)); }
 
+  // Saturates exactly when the reference's bit-by-bit loop would: when
+  // L * 2^n does not fit in 32 bits.
   Word32 L_shl(Word32 L, Word16 n) {
     if (n <= 0) return L_shr(L, n < -32 ? 32 : static_cast<Word16>(-n));
-    for (; n > 0; n--) {
-      if (L > 0x3fffffff) { Overflow = true; return MAX_32; }
-      if (L < static_cast<Word32>(0xc0000000u)) { Overflow = true; return MIN_32; }
-      L = static_cast<Word32>(static_cast<uint32_t>(L) << 1);
+    if (n >= 32) {
+      if (L == 0) return 0;
+      Overflow = true;
+      return L > 0 ? MAX_32 : MIN_32;
     }
-    return L;
+    if (L > (MAX_32 >> n)) { Overflow = true; return MAX_32; }
+    if (L < (MIN_32 >> n)) { Overflow = true; return MIN_32; }
+    return static_cast<Word32>(static_cast<uint32_t>(L) << n);
   }
   Word32 L_shr(Word32 L, Word16 n) {
     if (n < 0) return L_shl(L, n < -32 ? 32 : static_cast<Word16>(-n));

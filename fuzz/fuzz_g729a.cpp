@@ -1,0 +1,39 @@
+// libFuzzer target: arbitrary bytes as a G.729 Annex A stream, through the
+// codec adapter in whole frames and through the engine with frame erasures.
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "codecs/speech/g729a/decoder.h"
+#include "quillon/codecs/codec_g729a.h"
+#include "quillon/trace.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  using quillon::g729a::Decoder;
+  static const bool quiet = [] {
+    quillon_set_trace_sink(nullptr);
+    return true;
+  }();
+  (void)quiet;
+  if (size < 1) return 0;
+  const uint8_t erasureMask = data[0];
+  data++;
+  size--;
+  const size_t frames = size / Decoder::kFrameBytes;
+
+  TAV::CodecG729A codec;
+  if (!codec.open(TAV::AudioFormat(TAV::CT_G729, 1), false)) return 0;
+  std::vector<int16_t> out(frames * Decoder::kFrameSamples + 1);
+  TAV::uint32 inBytes = static_cast<TAV::uint32>(frames * Decoder::kFrameBytes);
+  if (frames > 0) codec.decode(data, inBytes, out.data(), static_cast<TAV::uint32>(out.size() * 2));
+
+  // The engine alone, losing the frames picked by the mask bits.
+  Decoder dec;
+  for (size_t f = 0; f < frames; f++) {
+    if ((erasureMask >> (f % 8)) & 1)
+      dec.decodeErased(out.data());
+    else
+      dec.decode(data + f * Decoder::kFrameBytes, out.data());
+  }
+  return 0;
+}

@@ -1,0 +1,51 @@
+// Constant tables of G.729 Annex A (LSP and gain codebooks, interpolation
+// and lag windows, function approximation tables). Shared by the decoder
+// and the encoder.
+#ifndef QUILLON_G729A_TABLES_H
+#define QUILLON_G729A_TABLES_H
+
+#include <cstdint>
+
+namespace quillon::g729a::tab {
+
+extern const int16_t kLpcWindow[240];
+extern const int16_t kLagWindowHi[10];
+extern const int16_t kLagWindowLo[10];
+extern const int16_t kCosTable[65];
+extern const int16_t kCosSlope[64];
+extern const int16_t kCosTable2[64];
+extern const int16_t kCosSlope2[64];
+extern const int16_t kAcosSlope[64];
+extern const int16_t kLspStage1[128][10];
+extern const int16_t kLspStage2[32][10];
+extern const int16_t kLspMaPred[2][4][10];
+extern const int16_t kLspMaSum[2][10];
+extern const int16_t kLspMaSumInv[2][10];
+extern const int16_t kChebGrid[51];
+extern const int16_t kInterp3[31];
+extern const int16_t kGainPred[4];
+extern const int16_t kGainBook1[8][2];
+extern const int16_t kGainBook2[16][2];
+extern const int16_t kGainMap1[8];
+extern const int16_t kGainMap2[16];
+extern const int16_t kGainCoef[2][2];
+extern const int32_t kGainCoefL[2][2];
+extern const int16_t kGainThr1[4];
+extern const int16_t kGainThr2[8];
+extern const int16_t kGainUnmap1[8];
+extern const int16_t kGainUnmap2[16];
+extern const int16_t kPostHpB[3];
+extern const int16_t kPostHpA[3];
+extern const int16_t kPreHpB[3];
+extern const int16_t kPreHpA[3];
+extern const int16_t kPow2Table[33];
+extern const int16_t kLog2Table[33];
+extern const int16_t kInvSqrtTable[49];
+extern const int16_t kTamingZone[153];
+
+// Widths in bits of the 11 frame parameters, in transmission order.
+inline constexpr int kParamBits[11] = {8, 10, 8, 1, 13, 4, 7, 5, 13, 4, 7};
+
+}  // namespace quillon::g729a::tab
+
+#endif

@@ -1,0 +1,151 @@
+// The real engines behind descriptors 16 and 25, reached through the front
+// and the adapter with uneven chunking, against the shared vectors. Each
+// test skips when its engine is not built in.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "codeclib_fake.h"
+#if __has_include("codecs/speech/codeclib/g722/g722_engine.h")
+#include "codecs/speech/codeclib/g722/g722_engine.h"
+#endif
+#include "quillon/codecs/codec_lib_adapter.h"
+#include "test_support.h"
+
+using namespace quillon::codeclib;
+using quillon::test::TraceMuted;
+
+namespace {
+
+// Next chunk size of a fixed irregular sequence (1..997).
+size_t nextChunk(size_t c) { return c * 7 % 997 + 1; }
+
+}  // namespace
+
+// G.722 in each mode: the front decodes whole 160-byte frames and keeps a
+// trailing partial frame.
+TEST(CodecLibEngines, G722DecodesTheSharedStreamsInEveryMode) {
+  QUILLON_REQUIRE_VECTORS(dir, "g722");
+  if (!codecLibDescriptor(kCodecG722)->decodeFrame) GTEST_SKIP() << "no G.722 engine in this build";
+  int streams = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    if (entry.path().extension() != ".g722") continue;
+    const std::string stem = entry.path().stem().string();
+    const int mode = stem.back() - '0';
+    const std::vector<uint8_t> stream = quillon::test::readFile(entry.path());
+    std::vector<int16_t> expected = quillon::test::readPcm16(dir / (stem + ".pcm"));
+    expected.resize(stream.size() / 160 * 320);
+
+    HandleRes* h = nullptr;
+    ASSERT_EQ(codecLibOpen(&h, kCodecG722, kDirDecoder, 0), 0);
+    CodecLibOptions options{};
+    ASSERT_EQ(codecLibQuery(&h, kCodecG722, kDirDecoder, nullptr, &options, 0), 0);
+    options.frameLength = 320;
+    options.mode = static_cast<int16_t>(mode);
+    std::vector<int16_t> decoded, out(4096);
+    size_t chunk = 3;
+    for (size_t pos = 0; pos < stream.size(); pos += chunk, chunk = nextChunk(chunk)) {
+      chunk = std::min(chunk, stream.size() - pos);
+      int32 n = static_cast<int32>(chunk), room = static_cast<int32>(out.size());
+      ASSERT_EQ(codecLibDecode(&h, stream.data() + pos, &n, out.data(), &room, &options, 0), 0);
+      decoded.insert(decoded.end(), out.begin(), out.begin() + room);
+    }
+    EXPECT_EQ(codecLibClose(&h, 0), 0);
+    EXPECT_EQ(quillon::test::firstMismatch(decoded, expected), -1) << stem;
+    streams++;
+  }
+  EXPECT_GT(streams, 0);
+}
+
+// Codes 50-52 all decode in the engine's default mode 1.
+TEST(CodecLibEngines, G722CodesDecodeInMode1) {
+  QUILLON_REQUIRE_VECTORS(dir, "g722");
+  if (!codecLibDescriptor(kCodecG722)->decodeFrame) GTEST_SKIP() << "no G.722 engine in this build";
+  const std::vector<uint8_t> stream = quillon::test::readFile(dir / "orig16k-m3.g722");
+  std::vector<int16_t> expected = quillon::test::readPcm16(dir / "orig16k-m1.pcm");
+  expected.resize(stream.size() / 160 * 320);
+  TraceMuted mute;
+  for (TAV::CompressionType code : {TAV::CT_G722, TAV::CT_G722_MODE2, TAV::CT_G722_MODE3}) {
+    std::unique_ptr<TAV::Codec> c(TAV::Codec::getCodec(TAV::AudioFormat(code, 1), false));
+    ASSERT_NE(c, nullptr);
+    std::vector<int16_t> decoded, out(8192);
+    for (size_t pos = 0; pos < stream.size(); pos += 1000) {
+      TAV::uint32 n = static_cast<TAV::uint32>(std::min<size_t>(1000, stream.size() - pos));
+      const TAV::uint32 bytes = c->decode(stream.data() + pos, n, out.data(), 4096);
+      decoded.insert(decoded.end(), out.begin(), out.begin() + bytes / 2);
+    }
+    EXPECT_EQ(quillon::test::firstMismatch(decoded, expected), -1) << code;
+  }
+}
+
+// G.722 encoding through the front gives the engine's own octets.
+TEST(CodecLibEngines, G722EncodeRoundTrip) {
+  QUILLON_REQUIRE_VECTORS(dir, "g722");
+  if (!codecLibDescriptor(kCodecG722)->encodeFrame) GTEST_SKIP() << "no G.722 engine in this build";
+  const std::vector<int16_t> pcm = quillon::test::readPcm16(dir / "orig16k-m1.pcm");
+  std::unique_ptr<TAV::Codec> c(TAV::Codec::getCodec(TAV::AudioFormat(TAV::CT_G722, 1), true));
+  ASSERT_NE(c, nullptr);
+  std::vector<uint8_t> coded, out(4096);
+  for (size_t pos = 0; pos < pcm.size(); pos += 777) {
+    TAV::uint32 n = static_cast<TAV::uint32>(2 * std::min<size_t>(777, pcm.size() - pos));
+    const TAV::uint32 bytes = c->encode(pcm.data() + pos, n, out.data(), 4096);
+    coded.insert(coded.end(), out.begin(), out.begin() + bytes);
+  }
+  TAV::uint32 none = 0;
+  const TAV::uint32 bytes = c->encode(pcm.data(), none, out.data(), 4096);  // flush
+  coded.insert(coded.end(), out.begin(), out.begin() + bytes);
+#if __has_include("codecs/speech/codeclib/g722/g722_engine.h")
+  // The same octets as the engine on the whole signal padded to a frame.
+  std::vector<int16_t> padded = pcm;
+  padded.resize((pcm.size() + 319) / 320 * 320, 0);
+  std::vector<uint8_t> expected(padded.size() / 2);
+  quillon::g722::Encoder().encode(padded.data(), padded.size(), expected.data());
+  EXPECT_EQ(coded, expected);
+#else
+  EXPECT_EQ(coded.size(), (pcm.size() + 319) / 320 * 160);
+#endif
+}
+
+// The G.729 Annex A encoder through code 20 reproduces the reference
+// encoder's frames, whatever the chunking, and decodes back to the
+// reference decoder's output.
+TEST(CodecLibEngines, G729AEncodesLikeTheReference) {
+  QUILLON_REQUIRE_VECTORS(dir, "g729");
+  if (!codecLibDescriptor(kCodecG729A)->encodeFrame) GTEST_SKIP() << "no G.729 Annex A encoder in this build";
+  int streams = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    if (entry.path().extension() != ".s16") continue;
+    const std::string stem = entry.path().stem().string();
+    const std::vector<int16_t> pcm = quillon::test::readPcm16(entry.path());
+    const std::vector<uint8_t> expected = quillon::test::readFile(dir / (stem + ".enc.g729"));
+    std::unique_ptr<TAV::Codec> c(TAV::Codec::getCodec(TAV::AudioFormat(TAV::CT_G729, 1), true));
+    ASSERT_NE(c, nullptr);
+    std::vector<uint8_t> coded, out(2048);
+    size_t chunk = 5;
+    for (size_t pos = 0; pos < pcm.size(); pos += chunk, chunk = nextChunk(chunk)) {
+      chunk = std::min(chunk, pcm.size() - pos);
+      TAV::uint32 n = static_cast<TAV::uint32>(2 * chunk);
+      const TAV::uint32 bytes = c->encode(pcm.data() + pos, n, out.data(), 2048);
+      coded.insert(coded.end(), out.begin(), out.begin() + bytes);
+    }
+    EXPECT_EQ(coded, expected) << stem;
+
+    // And back through code 20: the reference decoder's output.
+    std::unique_ptr<TAV::Codec> d(TAV::Codec::getCodec(TAV::AudioFormat(TAV::CT_G729, 1), false));
+    ASSERT_NE(d, nullptr);
+    std::vector<int16_t> decoded, pcmOut(16 * 1024);
+    TraceMuted mute;
+    for (size_t pos = 0; pos < coded.size(); pos += 640) {
+      TAV::uint32 n = static_cast<TAV::uint32>(std::min<size_t>(640, coded.size() - pos));
+      const TAV::uint32 bytes = d->decode(coded.data() + pos, n, pcmOut.data(), 8 * 1024);
+      decoded.insert(decoded.end(), pcmOut.begin(), pcmOut.begin() + bytes / 2);
+    }
+    EXPECT_EQ(quillon::test::firstMismatch(decoded, quillon::test::readPcm16(dir / (stem + ".enc.pcm"))), -1) << stem;
+    streams++;
+  }
+  EXPECT_GT(streams, 0);
+}
