@@ -217,3 +217,39 @@ TEST(DecodePipeline, PacketVectorsDecodeExactlyInAnyChunking) {
   }
   if (checked == 0) GTEST_SKIP() << "no SILK or Opus vectors found";
 }
+
+// Every shared stream the tool can decode bit-exactly, through the
+// transcoder and, where the C API accepts the code, through it too.
+TEST_F(ToolTest, DecodesSharedVectorsOfEveryFamily) {
+  QUILLON_REQUIRE_VECTORS(vectors, "");
+  struct Family { const char* dir; const char* suffix; const char* codec; bool api; };
+  const Family families[] = {
+      {"g729a", ".g729", "g729", true},       {"g729", ".g729", "g729", true},
+      {"g722", "-m1.g722", "g722", true},     {"tetra", ".tet", "tetra", true},
+      {"g726", ".g726-32-msb", "g726-32", true}, {"g726", ".g726-16-lsb", "g726-16-lsb", true},
+      {"silk", ".silk", "silk-60", false},    {"opus", ".opus", "opus", false},
+  };
+  int checked = 0;
+  for (const Family& f : families) {
+    const fs::path d = vectors / f.dir;
+    if (!fs::is_directory(d)) continue;
+    for (const auto& entry : fs::directory_iterator(d)) {
+      const std::string name = entry.path().filename().string();
+      const std::string suffix = f.suffix;
+      if (name.size() <= suffix.size() || name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0) continue;
+      const std::vector<int16_t> expected = quillon::test::readPcm16(fs::path(entry.path()).replace_extension(".pcm"));
+      ASSERT_FALSE(expected.empty()) << name;
+      for (bool api : {false, true}) {
+        if (api && !f.api) continue;
+        const fs::path out = dir / "out.pcm";
+        ASSERT_EQ(run(std::string("decode --raw ") + (api ? "--api " : "") + "--codec " + f.codec + " " +
+                      entry.path().string() + " " + out.string()),
+                  0)
+            << name;
+        EXPECT_EQ(quillon::test::firstMismatch(quillon::test::readPcm16(out), expected), -1) << name << (api ? " (api)" : "");
+        checked++;
+      }
+    }
+  }
+  if (checked == 0) GTEST_SKIP() << "no decodable vectors found";
+}

@@ -162,7 +162,18 @@ int runCodecsCommand(int, char**) {
     const bool pcm = c.code == CT_PCM16 || c.code == CT_PCM16_16K;
     bool dec = pcm, enc = pcm;
     if (!pcm) {
-      if (Codec* d = Codec::getCodec(f, false)) { dec = true; d->close(); delete d; }
+      if (Codec* d = Codec::getCodec(f, false)) {
+        // Encode-only classes open for decoding but write nothing: try whole frames.
+        dec = true;
+        if (f.getBytesPerFrame() != 0) {
+          std::vector<uint8_t> frames(f.getBytesPerFrame() * 160, 0x55);
+          std::vector<int16_t> pcm(f.getSamplesPerFrame() * 160 * 2);
+          uint32_t inBytes = static_cast<uint32_t>(frames.size());
+          dec = d->decode(frames.data(), inBytes, pcm.data(), static_cast<uint32_t>(pcm.size())) > 0;
+        }
+        d->close();
+        delete d;
+      }
       // Some decode-only classes open for encoding but write nothing: try a second of silence.
       EncodePipeline probe;
       std::string ignored;

@@ -184,7 +184,20 @@ bool DecodePipeline::decodePackets(std::vector<int16_t>& out, bool final, std::s
 }
 
 bool DecodePipeline::finish(std::vector<int16_t>& out, std::string& error) {
-  return !m_packets || decodePackets(out, true, error);
+  if (m_packets) return decodePackets(out, true, error);
+  if (isG722(m_options.code) && !m_pending.empty()) {
+    // G.722 decodes byte by byte (each byte gives two samples): pad the last
+    // engine frame with silence and keep only what the real bytes gave.
+    const size_t real = m_pending.size();
+    m_pending.resize(m_unit, 0);
+    std::vector<int16_t> tail;
+    if (!decodeSlice(m_pending.data(), m_unit, tail, error)) return false;
+    const size_t keep = std::min(tail.size(), real * 2 * m_outRate / 16000);
+    out.insert(out.end(), tail.begin(), tail.begin() + static_cast<std::ptrdiff_t>(keep));
+    m_consumed -= m_unit - real;
+    m_pending.clear();
+  }
+  return true;
 }
 
 bool DecodePipeline::feed(const uint8_t* data, size_t bytes, std::vector<int16_t>& out, std::string& error) {
@@ -259,11 +272,17 @@ void EncodePipeline::encode(const int16_t* pcm, size_t samples, std::vector<uint
 }
 
 void EncodePipeline::flush(std::vector<uint8_t>& out) {
+  // An empty call asks frame encoders to pad and emit a partial last frame.
+  uint32_t none = 0;
+  m_outBuffer.resize(65536);
+  const uint32_t n = m_transcoder.transcode(reinterpret_cast<const uint8_t*>(m_outBuffer.data()), none,
+                                            m_outBuffer.data(), static_cast<uint32_t>(m_outBuffer.size()));
+  out.insert(out.end(), m_outBuffer.begin(), m_outBuffer.begin() + n);
   const uint32_t pending = m_transcoder.hasPendingEncodedData();
   if (pending) {
     m_outBuffer.resize(pending);
-    const uint32_t n = m_transcoder.getPendingEncodedData(m_outBuffer.data(), pending);
-    out.insert(out.end(), m_outBuffer.begin(), m_outBuffer.begin() + n);
+    const uint32_t k = m_transcoder.getPendingEncodedData(m_outBuffer.data(), pending);
+    out.insert(out.end(), m_outBuffer.begin(), m_outBuffer.begin() + k);
   }
 }
 
