@@ -96,7 +96,7 @@ void Encoder::autocorrelation(const Word16* x, Word16* rh, Word16* rl) {
   Word32 sum;
   for (;;) {
     int64_t e = 1;
-    for (int i = 0; i < kWindow; i++) e += 2 * y[i] * y[i];
+    for (int i = 0; i < kWindow; i++) e += 2 * int64_t{y[i]} * y[i];
     if (e <= fx::MAX_32) {
       sum = static_cast<Word32>(e);
       break;
@@ -338,7 +338,7 @@ void Encoder::quantiseLsp(const Word16* lsp, Word16* lspQ, Word16* prm) {
       int64_t acc = 0;
       for (int k = 0; k < kOrder; k++) {
         const int32_t t = std::clamp<int32_t>(target[k] - tab::kLspStage1[i][k], fx::MIN_16, fx::MAX_16);
-        acc += 2 * t * t;
+        acc += 2 * int64_t{t} * t;
       }
       const Word32 d = acc > fx::MAX_32 ? fx::MAX_32 : static_cast<Word32>(acc);
       if (L_sub(d, best) < 0) {
@@ -403,7 +403,7 @@ Word16 Encoder::openLoopPitch(const Word16* wsp) {
   // Squares only: the saturating sum overflows exactly when the plain one
   // passes 2^31 - 1.
   int64_t energy = 0;
-  for (int i = -kPitchMax; i < kFrame; i += 2) energy += 2 * wsp[i] * wsp[i];
+  for (int i = -kPitchMax; i < kFrame; i += 2) energy += 2 * int64_t{wsp[i]} * wsp[i];
   if (energy > fx::MAX_32) {
     for (int i = -kPitchMax; i < kFrame; i++) s[i] = shr(wsp[i], 3);
   } else if (energy < 1048576) {
@@ -415,7 +415,7 @@ Word16 Encoder::openLoopPitch(const Word16* wsp) {
   // of one class; by Cauchy-Schwarz its partial sums are bounded by the
   // larger class energy, so plain sums are exact while that fits.
   int64_t even = 0, odd = 0;
-  for (int i = -kPitchMax; i < kFrame; i++) (i & 1 ? odd : even) += 2 * s[i] * s[i];
+  for (int i = -kPitchMax; i < kFrame; i++) (i & 1 ? odd : even) += 2 * int64_t{s[i]} * s[i];
   const bool plain = std::max(even, odd) < fx::MAX_32;
 
   auto correlate = [&](int lag) {
@@ -670,7 +670,7 @@ void Encoder::pulseCorrelations(const Word16* hIn, Word16* rr) {
   // below 2^31 no partial sum can leave the 32-bit range (Cauchy-Schwarz),
   // so plain arithmetic is exact; otherwise the saturating operators run.
   int64_t energy = 0;
-  for (int i = 0; i < kSubframe; i++) energy += 2 * h[i] * h[i];
+  for (int i = 0; i < kSubframe; i++) energy += 2 * int64_t{h[i]} * h[i];
   const bool plain = energy <= fx::MAX_32;
   Word16 cum[kSubframe][kSubframe];  // cum[lag][last]
   for (int lag = 0; lag < kSubframe; lag++) {
