@@ -178,31 +178,40 @@ void Encoder::levinson(const Word16* rh, const Word16* rl, Word16* a) {
   m_oldA[0] = 4096;
 }
 
+namespace {
+inline int64_t sat32(int64_t v) { return std::clamp<int64_t>(v, fx::MIN_32, fx::MAX_32); }
+// L_mult: doubled product, saturating only for -32768 * -32768.
+inline int64_t mult2(int32_t a, int32_t b) { return (a == -32768 && b == -32768) ? fx::MAX_32 : 2 * int64_t{a} * b; }
+// Mpy_32_16 of the double-precision split of t (hi = t >> 16,
+// lo = (t >> 1) & 0x7fff) by q.
+inline int64_t mpy32by16(int32_t t, int32_t q) {
+  const int32_t hi = t >> 16, lo = (t >> 1) & 0x7fff;
+  return sat32(mult2(hi, q) + 2 * ((lo * q) >> 15));
+}
+}  // namespace
+
 Word16 Encoder::chebyshev(Word16 x, const Word16* f, bool q10) {
   // Evaluates the order-5 Chebyshev series of f at x, in Q24 (or Q23 when
-  // the coefficients had to be halved) double precision.
-  Word16 b2h = q10 ? 128 : 256, b2l = 0, b1h, b1l, b0h, b0l;
-  Word32 t = L_mult(x, q10 ? 256 : 512);
-  t = L_mac(t, f[1], 4096);
-  L_Extract(t, b1h, b1l);
+  // the coefficients had to be halved) double precision: b1 and b2 are
+  // kept as 32-bit values whose (hi, lo) split the operators use; every
+  // saturating operator is one clamp of its exact 64-bit result.
+  int32_t b2 = q10 ? (128 << 16) : (256 << 16);
+  int32_t b1 = static_cast<int32_t>(sat32(int64_t{x} * (q10 ? 512 : 1024) + 8192 * int64_t{f[1]}));
+  // b = 2 x b1 - b2 + f[i] (or x b1 - b2 + f[5] / 2 at the end).
+  auto step = [&](bool last, Word16 fi) {
+    int64_t t = mpy32by16(b1, x);
+    if (!last) t = sat32(2 * t);
+    t = sat32(t + mult2(b2 >> 16, -32768));
+    t = sat32(t - 2 * ((b2 >> 1) & 0x7fff));
+    return sat32(t + (last ? 4096 : 8192) * int64_t{fi});
+  };
   for (int i = 2; i < 5; i++) {
-    t = Mpy_32_16(b1h, b1l, x);
-    t = L_shl(t, 1);
-    t = L_mac(t, b2h, -32768);
-    t = L_msu(t, b2l, 1);
-    t = L_mac(t, f[i], 4096);
-    L_Extract(t, b0h, b0l);
-    b2l = b1l;
-    b2h = b1h;
-    b1l = b0l;
-    b1h = b0h;
+    const int32_t b0 = static_cast<int32_t>(step(false, f[i]));
+    b2 = b1;
+    b1 = b0;
   }
-  t = Mpy_32_16(b1h, b1l, x);
-  t = L_mac(t, b2h, -32768);
-  t = L_msu(t, b2l, 1);
-  t = L_mac(t, f[5], 2048);
-  t = L_shl(t, q10 ? 7 : 6);
-  return extract_h(t);
+  const int64_t t = sat32(step(true, f[5]) * (q10 ? 128 : 64));
+  return static_cast<Word16>(t >> 16);
 }
 
 void Encoder::azToLsp(const Word16* a, Word16* lsp, const Word16* oldLsp) {
@@ -724,9 +733,21 @@ Word16 Encoder::searchPulses(Word16* dn, Word16* rr, const Word16* h, Word16* co
   int ix = 0, iy = 0;
   Word16 tmp[kPositions];
 
-  // Keeps (sq2, alp16) when sq2/alp16 > sq/alp.
-  auto better = [&](Word16 sq2, Word16 alp16, Word16 sq, Word16 alp) {
-    return L_msu(L_mult(alp, sq2), sq, alp16) > 0;
+  // Whether sq2/alp16 beats sq/alp. The operators' L_msu(L_mult(alp, sq2),
+  // sq, alp16) > 0: neither product can saturate (squares are never
+  // -32768), and saturating the difference keeps its sign.
+  auto better = [](int32_t sq2, int32_t alp16, int32_t sq, int32_t alp) {
+    return int64_t{alp} * sq2 > int64_t{sq} * alp16;
+  };
+  // add() of 16-bit values.
+  auto add16 = [](int32_t a, int32_t b) { return std::clamp(a + b, -32768, 32767); };
+  // round() of a value that cannot overflow when rounded.
+  auto round16 = [](int32_t v) { return static_cast<Word16>((v + 0x8000) >> 16); };
+  // The pulse energies below are sums of table entries (|rr| < 2^15)
+  // times 2^12..2^15: only the last addition of the inner loops can leave
+  // the 32-bit range, so it alone is clamped.
+  auto round16Sat = [](int64_t v) {
+    return static_cast<Word16>(std::min<int64_t>(std::clamp<int64_t>(v, fx::MIN_32, fx::MAX_32) + 0x8000, fx::MAX_32) >> 16);
   };
   // The two largest |dn| on a track, each tried in turn.
   auto pick = [&](int track, int prev) {
@@ -754,17 +775,16 @@ Word16 Encoder::searchPulses(Word16* dn, Word16* rr, const Word16* h, Word16* co
       prev = i0;
       const int j = i0 / kTracks;
       const Word16 ps1 = dn[i0];
-      const Word32 alp1 = L_mult(diag(rr, 2)[j], k1_4);
+      const int32_t alp1 = diag(rr, 2)[j] * 2 * k1_4;
       for (int c = 0; c < kPositions; c++) {
         const int i1 = track + kTracks * c;
-        const Word16 ps2 = add(ps1, dn[i1]);
-        Word32 alp2 = L_mac(alp1, b2T[j * 8 + c], k1_2);
-        alp2 = L_mac(alp2, dT[c], k1_4);
-        const Word16 sq2 = mult(ps2, ps2);
-        const Word16 alp16 = round(alp2);
+        const int32_t ps2 = add16(ps1, dn[i1]);
+        const int32_t alp2 = alp1 + b2T[j * 8 + c] * 2 * k1_2 + dT[c] * 2 * k1_4;
+        const int32_t sq2 = (ps2 * ps2) >> 15;
+        const Word16 alp16 = round16(alp2);
         if (better(sq2, alp16, sq, alp)) {
-          sq = sq2;
-          ps = ps2;
+          sq = static_cast<Word16>(sq2);
+          ps = static_cast<Word16>(ps2);
           alp = alp16;
           ix = i0;
           iy = i1;
@@ -774,30 +794,24 @@ Word16 Encoder::searchPulses(Word16* dn, Word16* rr, const Word16* h, Word16* co
     int i0 = ix, i1 = iy;
     int j0 = i0 / kTracks, j1 = i1 / kTracks;
     Word16 ps0 = ps;
-    Word32 alp0 = L_mult(alp, k1_4);
+    int32_t alp0 = alp * 2 * k1_4;
     sq = -1;
     alp = 1;
-    for (int a = 0; a < kPositions; a++) {
-      Word32 s = L_mult(block(rr, 1, 2)[a * 8 + j0], k1_4);
-      s = L_mac(s, b1T[a * 8 + j1], k1_4);
-      s = L_mac(s, diag(rr, 1)[a], k1_8);
-      tmp[a] = round(s);
-    }
+    for (int a = 0; a < kPositions; a++)
+      tmp[a] = round16((block(rr, 1, 2)[a * 8 + j0] + b1T[a * 8 + j1]) * 2 * k1_4 + diag(rr, 1)[a] * 2 * k1_8);
     for (int a = 0; a < kPositions; a++) {
       const int i2 = kTracks * a;
-      const Word16 ps1 = add(ps0, dn[i2]);
-      Word32 alp1 = L_mac(alp0, block(rr, 0, 2)[a * 8 + j0], k1_8);
-      alp1 = L_mac(alp1, b0T[a * 8 + j1], k1_8);
-      alp1 = L_mac(alp1, diag(rr, 0)[a], k1_16);
+      const int32_t ps1 = add16(ps0, dn[i2]);
+      const int32_t alp1 =
+          alp0 + (block(rr, 0, 2)[a * 8 + j0] + b0T[a * 8 + j1]) * 2 * k1_8 + diag(rr, 0)[a] * 2 * k1_16;
       for (int c = 0; c < kPositions; c++) {
         const int i3 = 1 + kTracks * c;
-        const Word16 ps2 = add(ps1, dn[i3]);
-        Word32 alp2 = L_mac(alp1, block(rr, 0, 1)[a * 8 + c], k1_8);
-        alp2 = L_mac(alp2, tmp[c], k1_2);
-        const Word16 sq2 = mult(ps2, ps2);
-        const Word16 alp16 = round(alp2);
+        const int32_t ps2 = add16(ps1, dn[i3]);
+        const int64_t alp2 = int64_t{alp1} + block(rr, 0, 1)[a * 8 + c] * 2 * k1_8 + tmp[c] * 2 * int64_t{k1_2};
+        const int32_t sq2 = (ps2 * ps2) >> 15;
+        const Word16 alp16 = round16Sat(alp2);
         if (better(sq2, alp16, sq, alp)) {
-          sq = sq2;
+          sq = static_cast<Word16>(sq2);
           alp = alp16;
           ix = i2;
           iy = i3;
@@ -822,17 +836,16 @@ Word16 Encoder::searchPulses(Word16* dn, Word16* rr, const Word16* h, Word16* co
       prev = p0;
       const int j = p0 / kTracks;
       const Word16 ps1 = dn[p0];
-      const Word32 alp1 = L_mult(dT[j], k1_4);
+      const int32_t alp1 = dT[j] * 2 * k1_4;
       for (int a = 0; a < kPositions; a++) {
         const int p1 = kTracks * a;
-        const Word16 ps2 = add(ps1, dn[p1]);
-        Word32 alp2 = L_mac(alp1, b0T[a * 8 + j], k1_2);
-        alp2 = L_mac(alp2, diag(rr, 0)[a], k1_4);
-        const Word16 sq2 = mult(ps2, ps2);
-        const Word16 alp16 = round(alp2);
+        const int32_t ps2 = add16(ps1, dn[p1]);
+        const int32_t alp2 = alp1 + b0T[a * 8 + j] * 2 * k1_2 + diag(rr, 0)[a] * 2 * k1_4;
+        const int32_t sq2 = (ps2 * ps2) >> 15;
+        const Word16 alp16 = round16(alp2);
         if (better(sq2, alp16, sq, alp)) {
-          sq = sq2;
-          ps = ps2;
+          sq = static_cast<Word16>(sq2);
+          ps = static_cast<Word16>(ps2);
           alp = alp16;
           ix = p0;
           iy = p1;
@@ -844,30 +857,24 @@ Word16 Encoder::searchPulses(Word16* dn, Word16* rr, const Word16* h, Word16* co
     j0 = i0 / kTracks;
     j1 = i1 / kTracks;
     ps0 = ps;
-    alp0 = L_mult(alp, k1_4);
+    alp0 = alp * 2 * k1_4;
     sq = -1;
     alp = 1;
-    for (int a = 0; a < kPositions; a++) {
-      Word32 s = L_mult(b2T[a * 8 + j0], k1_4);
-      s = L_mac(s, block(rr, 0, 2)[j1 * 8 + a], k1_4);
-      s = L_mac(s, diag(rr, 2)[a], k1_8);
-      tmp[a] = round(s);
-    }
+    for (int a = 0; a < kPositions; a++)
+      tmp[a] = round16((b2T[a * 8 + j0] + block(rr, 0, 2)[j1 * 8 + a]) * 2 * k1_4 + diag(rr, 2)[a] * 2 * k1_8);
     for (int a = 0; a < kPositions; a++) {
       const int i2 = 1 + kTracks * a;
-      const Word16 ps1 = add(ps0, dn[i2]);
-      Word32 alp1 = L_mac(alp0, b1T[a * 8 + j0], k1_8);
-      alp1 = L_mac(alp1, block(rr, 0, 1)[j1 * 8 + a], k1_8);
-      alp1 = L_mac(alp1, diag(rr, 1)[a], k1_16);
+      const int32_t ps1 = add16(ps0, dn[i2]);
+      const int32_t alp1 =
+          alp0 + (b1T[a * 8 + j0] + block(rr, 0, 1)[j1 * 8 + a]) * 2 * k1_8 + diag(rr, 1)[a] * 2 * k1_16;
       for (int c = 0; c < kPositions; c++) {
         const int i3 = 2 + kTracks * c;
-        const Word16 ps2 = add(ps1, dn[i3]);
-        Word32 alp2 = L_mac(alp1, block(rr, 1, 2)[a * 8 + c], k1_8);
-        alp2 = L_mac(alp2, tmp[c], k1_2);
-        const Word16 sq2 = mult(ps2, ps2);
-        const Word16 alp16 = round(alp2);
+        const int32_t ps2 = add16(ps1, dn[i3]);
+        const int64_t alp2 = int64_t{alp1} + block(rr, 1, 2)[a * 8 + c] * 2 * k1_8 + tmp[c] * 2 * int64_t{k1_2};
+        const int32_t sq2 = (ps2 * ps2) >> 15;
+        const Word16 alp16 = round16Sat(alp2);
         if (better(sq2, alp16, sq, alp)) {
-          sq = sq2;
+          sq = static_cast<Word16>(sq2);
           alp = alp16;
           ix = i2;
           iy = i3;
