@@ -343,10 +343,17 @@ void Encoder::quantiseLsp(const Word16* lsp, Word16* lspQ, Word16* prm) {
     Word32 best = fx::MAX_32;
     int c0 = 0;
     for (int i = 0; i < 128; i++) {
-      // Squares only: the saturating sum is the plain one capped at 2^31 - 1.
+      // Squares only: the saturating sum is the plain one capped at 2^31 - 1,
+      // and a partial sum already at the best cannot win any more.
+      const Word16* cb = tab::kLspStage1[i];
       int64_t acc = 0;
-      for (int k = 0; k < kOrder; k++) {
-        const int32_t t = std::clamp<int32_t>(target[k] - tab::kLspStage1[i][k], fx::MIN_16, fx::MAX_16);
+      for (int k = 0; k < 4; k++) {
+        const int32_t t = std::clamp<int32_t>(target[k] - cb[k], fx::MIN_16, fx::MAX_16);
+        acc += 2 * int64_t{t} * t;
+      }
+      if (acc >= best) continue;
+      for (int k = 4; k < kOrder; k++) {
+        const int32_t t = std::clamp<int32_t>(target[k] - cb[k], fx::MIN_16, fx::MAX_16);
         acc += 2 * int64_t{t} * t;
       }
       const Word32 d = acc > fx::MAX_32 ? fx::MAX_32 : static_cast<Word32>(acc);
@@ -534,36 +541,49 @@ Word16 Encoder::closedLoopPitch(Word16* exc, const Word16* xn, const Word16* h, 
                                 bool first, Word16& frac) {
   Word16 dn[kSubframe];
   correlateTarget(h, xn, dn);
-  auto dot = [&](const Word16* v) {
+  // Plain sums are exact while 2 sum|dn| max|exc| < 2^31; the excitation
+  // read below lies in exc[-t0Max - 1, 40) and the interpolated vectors
+  // never exceed 32768.
+  int64_t sumDn = 0;
+  for (int i = 0; i < kSubframe; i++) sumDn += dn[i] < 0 ? -dn[i] : dn[i];
+  int32_t maxE = 0;
+  for (int i = -t0Max - 1; i < kSubframe; i++) maxE = std::max(maxE, exc[i] < 0 ? -exc[i] : +exc[i]);
+  const bool plainPast = 2 * sumDn * maxE < (int64_t{1} << 31);
+  const bool plainAny = 2 * sumDn * 32768 < (int64_t{1} << 31);
+  auto dot = [&](const Word16* v, bool plain) {
     Word32 s = 0;
+    if (plain) {
+      for (int i = 0; i < kSubframe; i++) s += dn[i] * v[i];
+      return 2 * s;
+    }
     for (int i = 0; i < kSubframe; i++) s = L_mac(s, dn[i], v[i]);
     return s;
   };
   Word32 best = fx::MIN_32;
   Word16 t0 = t0Min;
   for (Word16 t = t0Min; t <= t0Max; t++) {
-    const Word32 c = dot(exc - t);
+    const Word32 c = dot(exc - t, plainPast);
     if (L_sub(c, best) > 0) {
       best = c;
       t0 = t;
     }
   }
   predictLongTerm(exc, t0, 0, kSubframe);
-  best = dot(exc);
+  best = dot(exc, plainAny);
   frac = 0;
   if (first && t0 > 84) return t0;
 
   Word16 keep[kSubframe];
   std::memcpy(keep, exc, sizeof keep);
   predictLongTerm(exc, t0, -1, kSubframe);
-  Word32 c = dot(exc);
+  Word32 c = dot(exc, plainAny);
   if (L_sub(c, best) > 0) {
     best = c;
     frac = -1;
     std::memcpy(keep, exc, sizeof keep);
   }
   predictLongTerm(exc, t0, 1, kSubframe);
-  c = dot(exc);
+  c = dot(exc, plainAny);
   if (L_sub(c, best) > 0) {
     frac = 1;
   } else {
@@ -722,7 +742,11 @@ Word16 Encoder::searchPulses(Word16* dn, Word16* rr, const Word16* h, Word16* co
       Word16* b = block(rr, x, y);
       for (int a = 0; a < kPositions; a++) {
         const Word16* ps = signDn[x + kTracks * a] < 0 ? signInv : signDn;
-        for (int c = 0; c < kPositions; c++) b[a * 8 + c] = mult(b[a * 8 + c], ps[y + kTracks * c]);
+        for (int c = 0; c < kPositions; c++) {
+          // mult() by +-1 in Q15: saturates only for -32768 * -32768.
+          const int32_t v = (b[a * 8 + c] * ps[y + kTracks * c]) >> 15;
+          b[a * 8 + c] = static_cast<Word16>(std::min(v, 32767));
+        }
       }
     }
 
