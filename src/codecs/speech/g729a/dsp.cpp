@@ -229,11 +229,19 @@ void Dsp::predictLongTerm(Word16* exc, int t0, int frac, int n) {
     taps[9 - i] = c1[3 * i];
     taps[10 + i] = c2[3 * i];
   }
+  // Plain sums are exact while every input read is at most limX.
+  const int64_t limX = (kLimit32 - 1) / (2 * int64_t{sumC});
+  const Word16* end = x0 + n + 10;  // one past the last input read
+  if (end <= exc && maxX <= limX) {
+    // Long delay: every input is past excitation, already bounded by maxX.
+    for (int j = 0; j < n; j++, x0++) exc[j] = round(2 * dot<20>(taps, x0 - 9));
+    return;
+  }
   for (int j = 0; j < n; j++, x0++) {
     const Word16* x1 = x0;
     const Word16* x2 = x0 + 1;
     Word32 s;
-    if (2 * int64_t{sumC} * maxX < kLimit32) {
+    if (maxX <= limX) {
       s = 2 * dot<20>(taps, x0 - 9);
     } else {
       s = 0;
