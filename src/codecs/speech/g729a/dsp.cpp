@@ -109,10 +109,14 @@ void Dsp::residual(const Word16* a, const Word16* x, Word16* y, int lg) {
   for (int n = -kOrder; n < lg; n++) maxX = std::max(maxX, absVal(x[n]));
   int32_t sumA = 0;
   for (int j = 0; j <= kOrder; j++) sumA += absVal(a[j]);
-  if (2 * int64_t{sumA} * maxX < kLimit32) {
-    Word16 rev[kOrder1];
-    for (int k = 0; k <= kOrder; k++) rev[k] = a[kOrder - k];
-    for (int n = 0; n < lg; n++) y[n] = round(L_shl(2 * dot<kOrder1>(rev, x + n - kOrder), 3));
+  if (2 * int64_t{sumA} * maxX < kLimit32 && lg <= kFrame) {
+    // Tap by tap over the whole block (vectorises across outputs).
+    int32_t acc[kFrame] = {};
+    for (int j = 0; j <= kOrder; j++) {
+      const int32_t c = a[j];
+      for (int n = 0; n < lg; n++) acc[n] += c * x[n - j];
+    }
+    for (int n = 0; n < lg; n++) y[n] = round(L_shl(2 * acc[n], 3));
     return;
   }
   for (int n = 0; n < lg; n++) {
@@ -232,9 +236,16 @@ void Dsp::predictLongTerm(Word16* exc, int t0, int frac, int n) {
   // Plain sums are exact while every input read is at most limX.
   const int64_t limX = (kLimit32 - 1) / (2 * int64_t{sumC});
   const Word16* end = x0 + n + 10;  // one past the last input read
-  if (end <= exc && maxX <= limX) {
+  if (end <= exc && maxX <= limX && n <= kFrame) {
     // Long delay: every input is past excitation, already bounded by maxX.
-    for (int j = 0; j < n; j++, x0++) exc[j] = round(2 * dot<20>(taps, x0 - 9));
+    // Tap by tap over the whole block (vectorises across outputs).
+    int32_t acc[kFrame] = {};
+    for (int k = 0; k < 20; k++) {
+      const int32_t c = taps[k];
+      const Word16* src = x0 - 9 + k;
+      for (int j = 0; j < n; j++) acc[j] += c * src[j];
+    }
+    for (int j = 0; j < n; j++) exc[j] = round(2 * acc[j]);
     return;
   }
   for (int j = 0; j < n; j++, x0++) {
