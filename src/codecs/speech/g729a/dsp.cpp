@@ -64,11 +64,17 @@ void Dsp::synthesis(const Word16* a, const Word16* x, Word16* y, int lg, Word16*
     const int32_t a6 = a[6], a7 = a[7], a8 = a[8], a9 = a[9], a10 = a[10];
     int32_t y1 = hist[9], y2 = hist[8], y3 = hist[7], y4 = hist[6], y5 = hist[5];
     int32_t y6 = hist[4], y7 = hist[3], y8 = hist[2], y9 = hist[1], y10 = hist[0];
+    bool clipped = false;
     for (; n < lg; n++) {
       const int32_t far = a6 * y6 + a7 * y7 + a8 * y8 + a9 * y9 + a10 * y10;
       const int32_t near = a2 * y2 + a3 * y3 + a4 * y4 + a5 * y5;
       const int32_t acc = a1 * y1 + near + far;
-      const Word16 out = round(L_shl(2 * (x[n] * a0 - acc), 3));
+      // round(L_shl(s, 3)): both saturate exactly when 8 s leaves
+      // [-2^31, 0x7fff7fff].
+      const int64_t v = int64_t{2 * (x[n] * a0 - acc)} * 8;
+      const int64_t vc = std::clamp<int64_t>(v, fx::MIN_32, 0x7fff7fff);
+      clipped |= v != vc;
+      const Word16 out = static_cast<Word16>((vc + 0x8000) >> 16);
       y[n] = out;
       y10 = y9, y9 = y8, y8 = y7, y7 = y6, y6 = y5, y5 = y4, y4 = y3, y3 = y2, y2 = y1, y1 = out;
       if (absVal(out) > limY) {
@@ -76,6 +82,7 @@ void Dsp::synthesis(const Word16* a, const Word16* x, Word16* y, int lg, Word16*
         break;
       }
     }
+    if (clipped) Overflow = true;
   }
   if (n < lg) {
     // Exact operator sequence from here on, over a contiguous history.
