@@ -68,21 +68,32 @@ void Encoder::encode(const int16_t pcm[kFrameSamples], uint8_t out[kFrameBytes])
 }
 
 void Encoder::highPass(Word16* signal) {
+  // y[n] = b0 x[n] + b1 x[n-1] + b2 x[n-2] + a1 y[n-1] + a2 y[n-2] with the
+  // feedback in double precision. With these coefficients no partial sum
+  // can reach 2^31 (at most about 1.26e9 for any input), so only the final
+  // shift by 3 and the rounding saturate.
+  const int32_t a1 = tab::kPreHpA[1], a2 = tab::kPreHpA[2];
+  const int32_t b0 = tab::kPreHpB[0], b1 = tab::kPreHpB[1], b2 = tab::kPreHpB[2];
+  int32_t x0 = m_x0, x1 = m_x1, y1Hi = m_y1Hi, y1Lo = m_y1Lo, y2Hi = m_y2Hi, y2Lo = m_y2Lo;
   for (int i = 0; i < kFrame; i++) {
-    const Word16 x2 = m_x1;
-    m_x1 = m_x0;
-    m_x0 = signal[i];
-    Word32 t = Mpy_32_16(m_y1Hi, m_y1Lo, tab::kPreHpA[1]);
-    t = L_add(t, Mpy_32_16(m_y2Hi, m_y2Lo, tab::kPreHpA[2]));
-    t = L_mac(t, m_x0, tab::kPreHpB[0]);
-    t = L_mac(t, m_x1, tab::kPreHpB[1]);
-    t = L_mac(t, x2, tab::kPreHpB[2]);
-    t = L_shl(t, 3);
-    signal[i] = round(t);
-    m_y2Hi = m_y1Hi;
-    m_y2Lo = m_y1Lo;
-    L_Extract(t, m_y1Hi, m_y1Lo);
+    const int32_t x2 = x1;
+    x1 = x0;
+    x0 = signal[i];
+    const int32_t t = 2 * (y1Hi * a1 + ((y1Lo * a1) >> 15)) + 2 * (y2Hi * a2 + ((y2Lo * a2) >> 15)) +
+                      2 * (x0 * b0 + x1 * b1 + x2 * b2);
+    const int64_t t8 = std::clamp<int64_t>(int64_t{t} * 8, fx::MIN_32, fx::MAX_32);
+    signal[i] = static_cast<Word16>(std::min<int64_t>(t8 + 0x8000, fx::MAX_32) >> 16);
+    y2Hi = y1Hi;
+    y2Lo = y1Lo;
+    y1Hi = static_cast<int32_t>(t8) >> 16;
+    y1Lo = (static_cast<int32_t>(t8) >> 1) & 0x7fff;
   }
+  m_x0 = static_cast<Word16>(x0);
+  m_x1 = static_cast<Word16>(x1);
+  m_y1Hi = static_cast<Word16>(y1Hi);
+  m_y1Lo = static_cast<Word16>(y1Lo);
+  m_y2Hi = static_cast<Word16>(y2Hi);
+  m_y2Lo = static_cast<Word16>(y2Lo);
 }
 
 // ---- LP analysis -------------------------------------------------------------
@@ -374,12 +385,15 @@ void Encoder::quantiseLsp(const Word16* lsp, Word16* lspQ, Word16* prm) {
       Word32 dmin = fx::MAX_32;
       int bestIdx = 0;
       for (int i = 0; i < 32; i++) {
-        Word32 d = 0;
+        // The weights are never negative, so every term is: the saturating
+        // sum is the plain one capped at 2^31 - 1.
+        int64_t acc = 0;
         for (int k = from; k < to; k++) {
-          const Word16 t = sub(r[k], tab::kLspStage2[i][k]);
-          const Word16 t2 = mult(wegt[k], t);
-          d = L_mac(d, t2, t);
+          const int32_t t = std::clamp<int32_t>(r[k] - tab::kLspStage2[i][k], fx::MIN_16, fx::MAX_16);
+          const int32_t t2 = (wegt[k] * t) >> 15;
+          acc += 2 * int64_t{t2} * t;
         }
+        const Word32 d = acc > fx::MAX_32 ? fx::MAX_32 : static_cast<Word32>(acc);
         if (L_sub(d, dmin) < 0) {
           dmin = d;
           bestIdx = i;
@@ -1089,13 +1103,16 @@ Word16 Encoder::quantiseGains(const Word16* code, const Word16* g, const Word16*
       const Word16 g2Pitch = mult(gPitch, gPitch);
       const Word16 g2Code = mult(gCode, gCode);
       const Word16 gPitCod = mult(gCode, gPitch);
-      Word32 d = Mpy_32_16(coef[0], coefLo[0], g2Pitch);
-      d = L_add(d, Mpy_32_16(coef[1], coefLo[1], gPitch));
-      d = L_add(d, Mpy_32_16(coef[2], coefLo[2], g2Code));
-      d = L_add(d, Mpy_32_16(coef[3], coefLo[3], gCode));
-      d = L_add(d, Mpy_32_16(coef[4], coefLo[4], gPitCod));
-      if (L_sub(d, distMin) < 0) {
-        distMin = d;
+      const int32_t terms[5] = {g2Pitch, gPitch, g2Code, gCode, gPitCod};
+      int64_t d = 0;
+      for (int k = 0; k < 5; k++) {
+        // Mpy_32_16 (lo is never negative, so mult() cannot saturate),
+        // then the saturating L_add.
+        const int64_t m = sat32(mult2(coef[k], terms[k]) + 2 * ((coefLo[k] * terms[k]) >> 15));
+        d = sat32(d + m);
+      }
+      if (d < distMin) {
+        distMin = static_cast<Word32>(d);
         index1 = cand1 + i;
         index2 = cand2 + j;
       }
