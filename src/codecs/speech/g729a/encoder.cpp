@@ -1,6 +1,7 @@
 #include "codecs/speech/g729a/encoder.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "codecs/speech/g729a/tables.h"
@@ -25,6 +26,26 @@ constexpr int blockIndex(int x, int y) {
   return kStart[x] + (y - x - 1);
 }
 inline Word16* diag(Word16* rr, int track) { return rr + track * kPositions; }
+
+// For each entry of the pulse correlation matrix (pulses at p and q), the
+// index lag * 40 + (39 - max(p, q)) of its running correlation sum.
+constexpr int kRrEntries = 5 * 8 + 9 * 64;
+constexpr std::array<int16_t, kRrEntries> makeRrSource() {
+  std::array<int16_t, kRrEntries> src{};
+  auto index = [](int p, int q) {
+    const int lag = p > q ? p - q : q - p;
+    return static_cast<int16_t>(lag * 40 + 39 - (p > q ? p : q));
+  };
+  int i = 0;
+  for (int t = 0; t < 5; t++)
+    for (int a = 0; a < 8; a++, i++) src[i] = index(t + 5 * a, t + 5 * a);
+  for (int x = 0; x < 3; x++)
+    for (int y = x + 1; y < 5; y++)
+      for (int a = 0; a < 8; a++)
+        for (int c = 0; c < 8; c++, i++) src[i] = index(x + 5 * a, y + 5 * c);
+  return src;
+}
+constexpr std::array<int16_t, kRrEntries> kRrSource = makeRrSource();
 inline Word16* block(Word16* rr, int x, int y) { return rr + kTracks * kPositions + blockIndex(x, y) * 64; }
 }  // namespace
 
@@ -715,26 +736,23 @@ void Encoder::pulseCorrelations(const Word16* hIn, Word16* rr) {
   int64_t energy = 0;
   for (int i = 0; i < kSubframe; i++) energy += 2 * int64_t{h[i]} * h[i];
   const bool plain = energy <= fx::MAX_32;
-  Word16 cum[kSubframe][kSubframe];  // cum[lag][last]
+  Word16 cum[kSubframe * kSubframe];  // cum[lag * 40 + last]
   for (int lag = 0; lag < kSubframe; lag++) {
     Word32 s = 0;
-    for (int n = 0; n + lag < kSubframe; n++) {
-      s = plain ? s + 2 * h[n] * h[n + lag] : L_mac(s, h[n], h[n + lag]);
-      cum[lag][n] = extract_h(s);
+    Word16* row = cum + lag * kSubframe;
+    if (plain) {
+      for (int n = 0; n + lag < kSubframe; n++) {
+        s += 2 * h[n] * h[n + lag];
+        row[n] = extract_h(s);
+      }
+    } else {
+      for (int n = 0; n + lag < kSubframe; n++) {
+        s = L_mac(s, h[n], h[n + lag]);
+        row[n] = extract_h(s);
+      }
     }
   }
-  auto corr = [&](int p, int q) {
-    const int lag = p > q ? p - q : q - p;
-    return cum[lag][kSubframe - 1 - (p > q ? p : q)];
-  };
-  for (int t = 0; t < kTracks; t++)
-    for (int a = 0; a < kPositions; a++) diag(rr, t)[a] = corr(t + kTracks * a, t + kTracks * a);
-  for (int x = 0; x < kTracks - 2; x++)  // no block for tracks 3 and 4
-    for (int y = x + 1; y < kTracks; y++) {
-      Word16* b = block(rr, x, y);
-      for (int a = 0; a < kPositions; a++)
-        for (int c = 0; c < kPositions; c++) b[a * kPositions + c] = corr(x + kTracks * a, y + kTracks * c);
-    }
+  for (int i = 0; i < kRrSize; i++) rr[i] = cum[kRrSource[i]];
 }
 
 Word16 Encoder::searchPulses(Word16* dn, Word16* rr, const Word16* h, Word16* code, Word16* y, Word16& signOut) {
