@@ -1,10 +1,12 @@
 // libFuzzer target: arbitrary bytes as a G.729 Annex A stream, through the
-// codec adapter in whole frames and through the engine with frame erasures.
+// codec adapter in whole frames and through the engine with frame erasures;
+// then the same bytes as PCM through the encoder and back.
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
 #include "codecs/speech/g729a/decoder.h"
+#include "codecs/speech/g729a/encoder.h"
 #include "quillon/codecs/codec_g729a.h"
 #include "quillon/trace.h"
 
@@ -34,6 +36,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       dec.decodeErased(out.data());
     else
       dec.decode(data + f * Decoder::kFrameBytes, out.data());
+  }
+
+  using quillon::g729a::Encoder;
+  Encoder enc;
+  dec.reset();
+  int16_t pcm[Encoder::kFrameSamples];
+  uint8_t packed[Encoder::kFrameBytes];
+  for (size_t f = 0; f + 1 <= size / (2 * Encoder::kFrameSamples); f++) {
+    const uint8_t* p = data + f * 2 * Encoder::kFrameSamples;
+    for (int i = 0; i < Encoder::kFrameSamples; i++) pcm[i] = static_cast<int16_t>(p[2 * i] | p[2 * i + 1] << 8);
+    enc.encode(pcm, packed);
+    dec.decode(packed, out.data());
   }
   return 0;
 }

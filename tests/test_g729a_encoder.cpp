@@ -68,6 +68,23 @@ TEST(G729AEncoder, PackIsTheInverseOfUnpack) {
   for (int i = 0; i < 11; i++) EXPECT_EQ(back[i], prm[i]) << i;
 }
 
+TEST(G729AEncoder, InterleavedEncodersKeepTheirOwnState) {
+  QUILLON_REQUIRE_VECTORS(dir, "g729a");
+  const std::vector<int16_t> a = quillon::test::readPcm16(dir / "orig" / "TAME.IN");
+  const std::vector<int16_t> b = quillon::test::readPcm16(dir / "orig" / "ALGTHM.IN");
+  const size_t n = std::min(a.size(), b.size()) / 80;
+  Encoder ea, eb;
+  std::vector<uint8_t> outA(n * 10), outB(n * 10);
+  for (size_t f = 0; f < n; f++) {
+    ea.encode(&a[f * 80], &outA[f * 10]);
+    eb.encode(&b[f * 80], &outB[f * 10]);
+  }
+  std::vector<uint8_t> aloneA = encodeAll(std::vector<int16_t>(a.begin(), a.begin() + n * 80));
+  std::vector<uint8_t> aloneB = encodeAll(std::vector<int16_t>(b.begin(), b.begin() + n * 80));
+  EXPECT_EQ(outA, aloneA);
+  EXPECT_EQ(outB, aloneB);
+}
+
 TEST(G729AEncoder, ResetRestartsTheStream) {
   QUILLON_REQUIRE_VECTORS(dir, "g729a");
   const std::vector<int16_t> pcm = quillon::test::readPcm16(dir / "orig" / "TAME.IN");

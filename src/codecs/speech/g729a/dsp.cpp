@@ -64,11 +64,17 @@ void Dsp::synthesis(const Word16* a, const Word16* x, Word16* y, int lg, Word16*
     const int32_t a6 = a[6], a7 = a[7], a8 = a[8], a9 = a[9], a10 = a[10];
     int32_t y1 = hist[9], y2 = hist[8], y3 = hist[7], y4 = hist[6], y5 = hist[5];
     int32_t y6 = hist[4], y7 = hist[3], y8 = hist[2], y9 = hist[1], y10 = hist[0];
+    bool clipped = false;
     for (; n < lg; n++) {
       const int32_t far = a6 * y6 + a7 * y7 + a8 * y8 + a9 * y9 + a10 * y10;
       const int32_t near = a2 * y2 + a3 * y3 + a4 * y4 + a5 * y5;
       const int32_t acc = a1 * y1 + near + far;
-      const Word16 out = round(L_shl(2 * (x[n] * a0 - acc), 3));
+      // round(L_shl(s, 3)): both saturate exactly when 8 s leaves
+      // [-2^31, 0x7fff7fff].
+      const int64_t v = int64_t{2 * (x[n] * a0 - acc)} * 8;
+      const int64_t vc = std::clamp<int64_t>(v, fx::MIN_32, 0x7fff7fff);
+      clipped |= v != vc;
+      const Word16 out = static_cast<Word16>((vc + 0x8000) >> 16);
       y[n] = out;
       y10 = y9, y9 = y8, y8 = y7, y7 = y6, y6 = y5, y5 = y4, y4 = y3, y3 = y2, y2 = y1, y1 = out;
       if (absVal(out) > limY) {
@@ -76,6 +82,7 @@ void Dsp::synthesis(const Word16* a, const Word16* x, Word16* y, int lg, Word16*
         break;
       }
     }
+    if (clipped) Overflow = true;
   }
   if (n < lg) {
     // Exact operator sequence from here on, over a contiguous history.
@@ -109,10 +116,14 @@ void Dsp::residual(const Word16* a, const Word16* x, Word16* y, int lg) {
   for (int n = -kOrder; n < lg; n++) maxX = std::max(maxX, absVal(x[n]));
   int32_t sumA = 0;
   for (int j = 0; j <= kOrder; j++) sumA += absVal(a[j]);
-  if (2 * int64_t{sumA} * maxX < kLimit32) {
-    Word16 rev[kOrder1];
-    for (int k = 0; k <= kOrder; k++) rev[k] = a[kOrder - k];
-    for (int n = 0; n < lg; n++) y[n] = round(L_shl(2 * dot<kOrder1>(rev, x + n - kOrder), 3));
+  if (2 * int64_t{sumA} * maxX < kLimit32 && lg <= kFrame) {
+    // Tap by tap over the whole block (vectorises across outputs).
+    int32_t acc[kFrame] = {};
+    for (int j = 0; j <= kOrder; j++) {
+      const int32_t c = a[j];
+      for (int n = 0; n < lg; n++) acc[n] += c * x[n - j];
+    }
+    for (int n = 0; n < lg; n++) y[n] = round(L_shl(2 * acc[n], 3));
     return;
   }
   for (int n = 0; n < lg; n++) {
@@ -229,11 +240,26 @@ void Dsp::predictLongTerm(Word16* exc, int t0, int frac, int n) {
     taps[9 - i] = c1[3 * i];
     taps[10 + i] = c2[3 * i];
   }
+  // Plain sums are exact while every input read is at most limX.
+  const int64_t limX = (kLimit32 - 1) / (2 * int64_t{sumC});
+  const Word16* end = x0 + n + 10;  // one past the last input read
+  if (end <= exc && maxX <= limX && n <= kFrame) {
+    // Long delay: every input is past excitation, already bounded by maxX.
+    // Tap by tap over the whole block (vectorises across outputs).
+    int32_t acc[kFrame] = {};
+    for (int k = 0; k < 20; k++) {
+      const int32_t c = taps[k];
+      const Word16* src = x0 - 9 + k;
+      for (int j = 0; j < n; j++) acc[j] += c * src[j];
+    }
+    for (int j = 0; j < n; j++) exc[j] = round(2 * acc[j]);
+    return;
+  }
   for (int j = 0; j < n; j++, x0++) {
     const Word16* x1 = x0;
     const Word16* x2 = x0 + 1;
     Word32 s;
-    if (2 * int64_t{sumC} * maxX < kLimit32) {
+    if (maxX <= limX) {
       s = 2 * dot<20>(taps, x0 - 9);
     } else {
       s = 0;

@@ -1,6 +1,7 @@
 #include "codecs/speech/g729a/encoder.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "codecs/speech/g729a/tables.h"
@@ -25,6 +26,26 @@ constexpr int blockIndex(int x, int y) {
   return kStart[x] + (y - x - 1);
 }
 inline Word16* diag(Word16* rr, int track) { return rr + track * kPositions; }
+
+// For each entry of the pulse correlation matrix (pulses at p and q), the
+// index lag * 40 + (39 - max(p, q)) of its running correlation sum.
+constexpr int kRrEntries = 5 * 8 + 9 * 64;
+constexpr std::array<int16_t, kRrEntries> makeRrSource() {
+  std::array<int16_t, kRrEntries> src{};
+  auto index = [](int p, int q) {
+    const int lag = p > q ? p - q : q - p;
+    return static_cast<int16_t>(lag * 40 + 39 - (p > q ? p : q));
+  };
+  int i = 0;
+  for (int t = 0; t < 5; t++)
+    for (int a = 0; a < 8; a++, i++) src[i] = index(t + 5 * a, t + 5 * a);
+  for (int x = 0; x < 3; x++)
+    for (int y = x + 1; y < 5; y++)
+      for (int a = 0; a < 8; a++)
+        for (int c = 0; c < 8; c++, i++) src[i] = index(x + 5 * a, y + 5 * c);
+  return src;
+}
+constexpr std::array<int16_t, kRrEntries> kRrSource = makeRrSource();
 inline Word16* block(Word16* rr, int x, int y) { return rr + kTracks * kPositions + blockIndex(x, y) * 64; }
 }  // namespace
 
@@ -68,21 +89,32 @@ void Encoder::encode(const int16_t pcm[kFrameSamples], uint8_t out[kFrameBytes])
 }
 
 void Encoder::highPass(Word16* signal) {
+  // y[n] = b0 x[n] + b1 x[n-1] + b2 x[n-2] + a1 y[n-1] + a2 y[n-2] with the
+  // feedback in double precision. With these coefficients no partial sum
+  // can reach 2^31 (at most about 1.26e9 for any input), so only the final
+  // shift by 3 and the rounding saturate.
+  const int32_t a1 = tab::kPreHpA[1], a2 = tab::kPreHpA[2];
+  const int32_t b0 = tab::kPreHpB[0], b1 = tab::kPreHpB[1], b2 = tab::kPreHpB[2];
+  int32_t x0 = m_x0, x1 = m_x1, y1Hi = m_y1Hi, y1Lo = m_y1Lo, y2Hi = m_y2Hi, y2Lo = m_y2Lo;
   for (int i = 0; i < kFrame; i++) {
-    const Word16 x2 = m_x1;
-    m_x1 = m_x0;
-    m_x0 = signal[i];
-    Word32 t = Mpy_32_16(m_y1Hi, m_y1Lo, tab::kPreHpA[1]);
-    t = L_add(t, Mpy_32_16(m_y2Hi, m_y2Lo, tab::kPreHpA[2]));
-    t = L_mac(t, m_x0, tab::kPreHpB[0]);
-    t = L_mac(t, m_x1, tab::kPreHpB[1]);
-    t = L_mac(t, x2, tab::kPreHpB[2]);
-    t = L_shl(t, 3);
-    signal[i] = round(t);
-    m_y2Hi = m_y1Hi;
-    m_y2Lo = m_y1Lo;
-    L_Extract(t, m_y1Hi, m_y1Lo);
+    const int32_t x2 = x1;
+    x1 = x0;
+    x0 = signal[i];
+    const int32_t t = 2 * (y1Hi * a1 + ((y1Lo * a1) >> 15)) + 2 * (y2Hi * a2 + ((y2Lo * a2) >> 15)) +
+                      2 * (x0 * b0 + x1 * b1 + x2 * b2);
+    const int64_t t8 = std::clamp<int64_t>(int64_t{t} * 8, fx::MIN_32, fx::MAX_32);
+    signal[i] = static_cast<Word16>(std::min<int64_t>(t8 + 0x8000, fx::MAX_32) >> 16);
+    y2Hi = y1Hi;
+    y2Lo = y1Lo;
+    y1Hi = static_cast<int32_t>(t8) >> 16;
+    y1Lo = (static_cast<int32_t>(t8) >> 1) & 0x7fff;
   }
+  m_x0 = static_cast<Word16>(x0);
+  m_x1 = static_cast<Word16>(x1);
+  m_y1Hi = static_cast<Word16>(y1Hi);
+  m_y1Lo = static_cast<Word16>(y1Lo);
+  m_y2Hi = static_cast<Word16>(y2Hi);
+  m_y2Lo = static_cast<Word16>(y2Lo);
 }
 
 // ---- LP analysis -------------------------------------------------------------
@@ -96,7 +128,7 @@ void Encoder::autocorrelation(const Word16* x, Word16* rh, Word16* rl) {
   Word32 sum;
   for (;;) {
     int64_t e = 1;
-    for (int i = 0; i < kWindow; i++) e += 2 * y[i] * y[i];
+    for (int i = 0; i < kWindow; i++) e += 2 * int64_t{y[i]} * y[i];
     if (e <= fx::MAX_32) {
       sum = static_cast<Word32>(e);
       break;
@@ -178,31 +210,40 @@ void Encoder::levinson(const Word16* rh, const Word16* rl, Word16* a) {
   m_oldA[0] = 4096;
 }
 
+namespace {
+inline int64_t sat32(int64_t v) { return std::clamp<int64_t>(v, fx::MIN_32, fx::MAX_32); }
+// L_mult: doubled product, saturating only for -32768 * -32768.
+inline int64_t mult2(int32_t a, int32_t b) { return (a == -32768 && b == -32768) ? fx::MAX_32 : 2 * int64_t{a} * b; }
+// Mpy_32_16 of the double-precision split of t (hi = t >> 16,
+// lo = (t >> 1) & 0x7fff) by q.
+inline int64_t mpy32by16(int32_t t, int32_t q) {
+  const int32_t hi = t >> 16, lo = (t >> 1) & 0x7fff;
+  return sat32(mult2(hi, q) + 2 * ((lo * q) >> 15));
+}
+}  // namespace
+
 Word16 Encoder::chebyshev(Word16 x, const Word16* f, bool q10) {
   // Evaluates the order-5 Chebyshev series of f at x, in Q24 (or Q23 when
-  // the coefficients had to be halved) double precision.
-  Word16 b2h = q10 ? 128 : 256, b2l = 0, b1h, b1l, b0h, b0l;
-  Word32 t = L_mult(x, q10 ? 256 : 512);
-  t = L_mac(t, f[1], 4096);
-  L_Extract(t, b1h, b1l);
+  // the coefficients had to be halved) double precision: b1 and b2 are
+  // kept as 32-bit values whose (hi, lo) split the operators use; every
+  // saturating operator is one clamp of its exact 64-bit result.
+  int32_t b2 = q10 ? (128 << 16) : (256 << 16);
+  int32_t b1 = static_cast<int32_t>(sat32(int64_t{x} * (q10 ? 512 : 1024) + 8192 * int64_t{f[1]}));
+  // b = 2 x b1 - b2 + f[i] (or x b1 - b2 + f[5] / 2 at the end).
+  auto step = [&](bool last, Word16 fi) {
+    int64_t t = mpy32by16(b1, x);
+    if (!last) t = sat32(2 * t);
+    t = sat32(t + mult2(b2 >> 16, -32768));
+    t = sat32(t - 2 * ((b2 >> 1) & 0x7fff));
+    return sat32(t + (last ? 4096 : 8192) * int64_t{fi});
+  };
   for (int i = 2; i < 5; i++) {
-    t = Mpy_32_16(b1h, b1l, x);
-    t = L_shl(t, 1);
-    t = L_mac(t, b2h, -32768);
-    t = L_msu(t, b2l, 1);
-    t = L_mac(t, f[i], 4096);
-    L_Extract(t, b0h, b0l);
-    b2l = b1l;
-    b2h = b1h;
-    b1l = b0l;
-    b1h = b0h;
+    const int32_t b0 = static_cast<int32_t>(step(false, f[i]));
+    b2 = b1;
+    b1 = b0;
   }
-  t = Mpy_32_16(b1h, b1l, x);
-  t = L_mac(t, b2h, -32768);
-  t = L_msu(t, b2l, 1);
-  t = L_mac(t, f[5], 2048);
-  t = L_shl(t, q10 ? 7 : 6);
-  return extract_h(t);
+  const int64_t t = sat32(step(true, f[5]) * (q10 ? 128 : 64));
+  return static_cast<Word16>(t >> 16);
 }
 
 void Encoder::azToLsp(const Word16* a, Word16* lsp, const Word16* oldLsp) {
@@ -334,11 +375,18 @@ void Encoder::quantiseLsp(const Word16* lsp, Word16* lspQ, Word16* prm) {
     Word32 best = fx::MAX_32;
     int c0 = 0;
     for (int i = 0; i < 128; i++) {
-      // Squares only: the saturating sum is the plain one capped at 2^31 - 1.
+      // Squares only: the saturating sum is the plain one capped at 2^31 - 1,
+      // and a partial sum already at the best cannot win any more.
+      const Word16* cb = tab::kLspStage1[i];
       int64_t acc = 0;
-      for (int k = 0; k < kOrder; k++) {
-        const int32_t t = std::clamp<int32_t>(target[k] - tab::kLspStage1[i][k], fx::MIN_16, fx::MAX_16);
-        acc += 2 * t * t;
+      for (int k = 0; k < 4; k++) {
+        const int32_t t = std::clamp<int32_t>(target[k] - cb[k], fx::MIN_16, fx::MAX_16);
+        acc += 2 * int64_t{t} * t;
+      }
+      if (acc >= best) continue;
+      for (int k = 4; k < kOrder; k++) {
+        const int32_t t = std::clamp<int32_t>(target[k] - cb[k], fx::MIN_16, fx::MAX_16);
+        acc += 2 * int64_t{t} * t;
       }
       const Word32 d = acc > fx::MAX_32 ? fx::MAX_32 : static_cast<Word32>(acc);
       if (L_sub(d, best) < 0) {
@@ -358,12 +406,15 @@ void Encoder::quantiseLsp(const Word16* lsp, Word16* lspQ, Word16* prm) {
       Word32 dmin = fx::MAX_32;
       int bestIdx = 0;
       for (int i = 0; i < 32; i++) {
-        Word32 d = 0;
+        // The weights are never negative, so every term is: the saturating
+        // sum is the plain one capped at 2^31 - 1.
+        int64_t acc = 0;
         for (int k = from; k < to; k++) {
-          const Word16 t = sub(r[k], tab::kLspStage2[i][k]);
-          const Word16 t2 = mult(wegt[k], t);
-          d = L_mac(d, t2, t);
+          const int32_t t = std::clamp<int32_t>(r[k] - tab::kLspStage2[i][k], fx::MIN_16, fx::MAX_16);
+          const int32_t t2 = (wegt[k] * t) >> 15;
+          acc += 2 * int64_t{t2} * t;
         }
+        const Word32 d = acc > fx::MAX_32 ? fx::MAX_32 : static_cast<Word32>(acc);
         if (L_sub(d, dmin) < 0) {
           dmin = d;
           bestIdx = i;
@@ -403,7 +454,7 @@ Word16 Encoder::openLoopPitch(const Word16* wsp) {
   // Squares only: the saturating sum overflows exactly when the plain one
   // passes 2^31 - 1.
   int64_t energy = 0;
-  for (int i = -kPitchMax; i < kFrame; i += 2) energy += 2 * wsp[i] * wsp[i];
+  for (int i = -kPitchMax; i < kFrame; i += 2) energy += 2 * int64_t{wsp[i]} * wsp[i];
   if (energy > fx::MAX_32) {
     for (int i = -kPitchMax; i < kFrame; i++) s[i] = shr(wsp[i], 3);
   } else if (energy < 1048576) {
@@ -415,7 +466,7 @@ Word16 Encoder::openLoopPitch(const Word16* wsp) {
   // of one class; by Cauchy-Schwarz its partial sums are bounded by the
   // larger class energy, so plain sums are exact while that fits.
   int64_t even = 0, odd = 0;
-  for (int i = -kPitchMax; i < kFrame; i++) (i & 1 ? odd : even) += 2 * s[i] * s[i];
+  for (int i = -kPitchMax; i < kFrame; i++) (i & 1 ? odd : even) += 2 * int64_t{s[i]} * s[i];
   const bool plain = std::max(even, odd) < fx::MAX_32;
 
   auto correlate = [&](int lag) {
@@ -525,36 +576,49 @@ Word16 Encoder::closedLoopPitch(Word16* exc, const Word16* xn, const Word16* h, 
                                 bool first, Word16& frac) {
   Word16 dn[kSubframe];
   correlateTarget(h, xn, dn);
-  auto dot = [&](const Word16* v) {
+  // Plain sums are exact while 2 sum|dn| max|exc| < 2^31; the excitation
+  // read below lies in exc[-t0Max - 1, 40) and the interpolated vectors
+  // never exceed 32768.
+  int64_t sumDn = 0;
+  for (int i = 0; i < kSubframe; i++) sumDn += dn[i] < 0 ? -dn[i] : dn[i];
+  int32_t maxE = 0;
+  for (int i = -t0Max - 1; i < kSubframe; i++) maxE = std::max(maxE, exc[i] < 0 ? -exc[i] : +exc[i]);
+  const bool plainPast = 2 * sumDn * maxE < (int64_t{1} << 31);
+  const bool plainAny = 2 * sumDn * 32768 < (int64_t{1} << 31);
+  auto dot = [&](const Word16* v, bool plain) {
     Word32 s = 0;
+    if (plain) {
+      for (int i = 0; i < kSubframe; i++) s += dn[i] * v[i];
+      return 2 * s;
+    }
     for (int i = 0; i < kSubframe; i++) s = L_mac(s, dn[i], v[i]);
     return s;
   };
   Word32 best = fx::MIN_32;
   Word16 t0 = t0Min;
   for (Word16 t = t0Min; t <= t0Max; t++) {
-    const Word32 c = dot(exc - t);
+    const Word32 c = dot(exc - t, plainPast);
     if (L_sub(c, best) > 0) {
       best = c;
       t0 = t;
     }
   }
   predictLongTerm(exc, t0, 0, kSubframe);
-  best = dot(exc);
+  best = dot(exc, plainAny);
   frac = 0;
   if (first && t0 > 84) return t0;
 
   Word16 keep[kSubframe];
   std::memcpy(keep, exc, sizeof keep);
   predictLongTerm(exc, t0, -1, kSubframe);
-  Word32 c = dot(exc);
+  Word32 c = dot(exc, plainAny);
   if (L_sub(c, best) > 0) {
     best = c;
     frac = -1;
     std::memcpy(keep, exc, sizeof keep);
   }
   predictLongTerm(exc, t0, 1, kSubframe);
-  c = dot(exc);
+  c = dot(exc, plainAny);
   if (L_sub(c, best) > 0) {
     frac = 1;
   } else {
@@ -670,28 +734,25 @@ void Encoder::pulseCorrelations(const Word16* hIn, Word16* rr) {
   // below 2^31 no partial sum can leave the 32-bit range (Cauchy-Schwarz),
   // so plain arithmetic is exact; otherwise the saturating operators run.
   int64_t energy = 0;
-  for (int i = 0; i < kSubframe; i++) energy += 2 * h[i] * h[i];
+  for (int i = 0; i < kSubframe; i++) energy += 2 * int64_t{h[i]} * h[i];
   const bool plain = energy <= fx::MAX_32;
-  Word16 cum[kSubframe][kSubframe];  // cum[lag][last]
+  Word16 cum[kSubframe * kSubframe];  // cum[lag * 40 + last]
   for (int lag = 0; lag < kSubframe; lag++) {
     Word32 s = 0;
-    for (int n = 0; n + lag < kSubframe; n++) {
-      s = plain ? s + 2 * h[n] * h[n + lag] : L_mac(s, h[n], h[n + lag]);
-      cum[lag][n] = extract_h(s);
+    Word16* row = cum + lag * kSubframe;
+    if (plain) {
+      for (int n = 0; n + lag < kSubframe; n++) {
+        s += 2 * h[n] * h[n + lag];
+        row[n] = extract_h(s);
+      }
+    } else {
+      for (int n = 0; n + lag < kSubframe; n++) {
+        s = L_mac(s, h[n], h[n + lag]);
+        row[n] = extract_h(s);
+      }
     }
   }
-  auto corr = [&](int p, int q) {
-    const int lag = p > q ? p - q : q - p;
-    return cum[lag][kSubframe - 1 - (p > q ? p : q)];
-  };
-  for (int t = 0; t < kTracks; t++)
-    for (int a = 0; a < kPositions; a++) diag(rr, t)[a] = corr(t + kTracks * a, t + kTracks * a);
-  for (int x = 0; x < kTracks - 2; x++)  // no block for tracks 3 and 4
-    for (int y = x + 1; y < kTracks; y++) {
-      Word16* b = block(rr, x, y);
-      for (int a = 0; a < kPositions; a++)
-        for (int c = 0; c < kPositions; c++) b[a * kPositions + c] = corr(x + kTracks * a, y + kTracks * c);
-    }
+  for (int i = 0; i < kRrSize; i++) rr[i] = cum[kRrSource[i]];
 }
 
 Word16 Encoder::searchPulses(Word16* dn, Word16* rr, const Word16* h, Word16* code, Word16* y, Word16& signOut) {
@@ -713,7 +774,11 @@ Word16 Encoder::searchPulses(Word16* dn, Word16* rr, const Word16* h, Word16* co
       Word16* b = block(rr, x, y);
       for (int a = 0; a < kPositions; a++) {
         const Word16* ps = signDn[x + kTracks * a] < 0 ? signInv : signDn;
-        for (int c = 0; c < kPositions; c++) b[a * 8 + c] = mult(b[a * 8 + c], ps[y + kTracks * c]);
+        for (int c = 0; c < kPositions; c++) {
+          // mult() by +-1 in Q15: saturates only for -32768 * -32768.
+          const int32_t v = (b[a * 8 + c] * ps[y + kTracks * c]) >> 15;
+          b[a * 8 + c] = static_cast<Word16>(std::min(v, 32767));
+        }
       }
     }
 
@@ -724,9 +789,21 @@ Word16 Encoder::searchPulses(Word16* dn, Word16* rr, const Word16* h, Word16* co
   int ix = 0, iy = 0;
   Word16 tmp[kPositions];
 
-  // Keeps (sq2, alp16) when sq2/alp16 > sq/alp.
-  auto better = [&](Word16 sq2, Word16 alp16, Word16 sq, Word16 alp) {
-    return L_msu(L_mult(alp, sq2), sq, alp16) > 0;
+  // Whether sq2/alp16 beats sq/alp. The operators' L_msu(L_mult(alp, sq2),
+  // sq, alp16) > 0: neither product can saturate (squares are never
+  // -32768), and saturating the difference keeps its sign.
+  auto better = [](int32_t sq2, int32_t alp16, int32_t sq, int32_t alp) {
+    return int64_t{alp} * sq2 > int64_t{sq} * alp16;
+  };
+  // add() of 16-bit values.
+  auto add16 = [](int32_t a, int32_t b) { return std::clamp(a + b, -32768, 32767); };
+  // round() of a value that cannot overflow when rounded.
+  auto round16 = [](int32_t v) { return static_cast<Word16>((v + 0x8000) >> 16); };
+  // The pulse energies below are sums of table entries (|rr| < 2^15)
+  // times 2^12..2^15: only the last addition of the inner loops can leave
+  // the 32-bit range, so it alone is clamped.
+  auto round16Sat = [](int64_t v) {
+    return static_cast<Word16>(std::min<int64_t>(std::clamp<int64_t>(v, fx::MIN_32, fx::MAX_32) + 0x8000, fx::MAX_32) >> 16);
   };
   // The two largest |dn| on a track, each tried in turn.
   auto pick = [&](int track, int prev) {
@@ -754,17 +831,16 @@ Word16 Encoder::searchPulses(Word16* dn, Word16* rr, const Word16* h, Word16* co
       prev = i0;
       const int j = i0 / kTracks;
       const Word16 ps1 = dn[i0];
-      const Word32 alp1 = L_mult(diag(rr, 2)[j], k1_4);
+      const int32_t alp1 = diag(rr, 2)[j] * 2 * k1_4;
       for (int c = 0; c < kPositions; c++) {
         const int i1 = track + kTracks * c;
-        const Word16 ps2 = add(ps1, dn[i1]);
-        Word32 alp2 = L_mac(alp1, b2T[j * 8 + c], k1_2);
-        alp2 = L_mac(alp2, dT[c], k1_4);
-        const Word16 sq2 = mult(ps2, ps2);
-        const Word16 alp16 = round(alp2);
+        const int32_t ps2 = add16(ps1, dn[i1]);
+        const int32_t alp2 = alp1 + b2T[j * 8 + c] * 2 * k1_2 + dT[c] * 2 * k1_4;
+        const int32_t sq2 = (ps2 * ps2) >> 15;
+        const Word16 alp16 = round16(alp2);
         if (better(sq2, alp16, sq, alp)) {
-          sq = sq2;
-          ps = ps2;
+          sq = static_cast<Word16>(sq2);
+          ps = static_cast<Word16>(ps2);
           alp = alp16;
           ix = i0;
           iy = i1;
@@ -774,30 +850,24 @@ Word16 Encoder::searchPulses(Word16* dn, Word16* rr, const Word16* h, Word16* co
     int i0 = ix, i1 = iy;
     int j0 = i0 / kTracks, j1 = i1 / kTracks;
     Word16 ps0 = ps;
-    Word32 alp0 = L_mult(alp, k1_4);
+    int32_t alp0 = alp * 2 * k1_4;
     sq = -1;
     alp = 1;
-    for (int a = 0; a < kPositions; a++) {
-      Word32 s = L_mult(block(rr, 1, 2)[a * 8 + j0], k1_4);
-      s = L_mac(s, b1T[a * 8 + j1], k1_4);
-      s = L_mac(s, diag(rr, 1)[a], k1_8);
-      tmp[a] = round(s);
-    }
+    for (int a = 0; a < kPositions; a++)
+      tmp[a] = round16((block(rr, 1, 2)[a * 8 + j0] + b1T[a * 8 + j1]) * 2 * k1_4 + diag(rr, 1)[a] * 2 * k1_8);
     for (int a = 0; a < kPositions; a++) {
       const int i2 = kTracks * a;
-      const Word16 ps1 = add(ps0, dn[i2]);
-      Word32 alp1 = L_mac(alp0, block(rr, 0, 2)[a * 8 + j0], k1_8);
-      alp1 = L_mac(alp1, b0T[a * 8 + j1], k1_8);
-      alp1 = L_mac(alp1, diag(rr, 0)[a], k1_16);
+      const int32_t ps1 = add16(ps0, dn[i2]);
+      const int32_t alp1 =
+          alp0 + (block(rr, 0, 2)[a * 8 + j0] + b0T[a * 8 + j1]) * 2 * k1_8 + diag(rr, 0)[a] * 2 * k1_16;
       for (int c = 0; c < kPositions; c++) {
         const int i3 = 1 + kTracks * c;
-        const Word16 ps2 = add(ps1, dn[i3]);
-        Word32 alp2 = L_mac(alp1, block(rr, 0, 1)[a * 8 + c], k1_8);
-        alp2 = L_mac(alp2, tmp[c], k1_2);
-        const Word16 sq2 = mult(ps2, ps2);
-        const Word16 alp16 = round(alp2);
+        const int32_t ps2 = add16(ps1, dn[i3]);
+        const int64_t alp2 = int64_t{alp1} + block(rr, 0, 1)[a * 8 + c] * 2 * k1_8 + tmp[c] * 2 * int64_t{k1_2};
+        const int32_t sq2 = (ps2 * ps2) >> 15;
+        const Word16 alp16 = round16Sat(alp2);
         if (better(sq2, alp16, sq, alp)) {
-          sq = sq2;
+          sq = static_cast<Word16>(sq2);
           alp = alp16;
           ix = i2;
           iy = i3;
@@ -822,17 +892,16 @@ Word16 Encoder::searchPulses(Word16* dn, Word16* rr, const Word16* h, Word16* co
       prev = p0;
       const int j = p0 / kTracks;
       const Word16 ps1 = dn[p0];
-      const Word32 alp1 = L_mult(dT[j], k1_4);
+      const int32_t alp1 = dT[j] * 2 * k1_4;
       for (int a = 0; a < kPositions; a++) {
         const int p1 = kTracks * a;
-        const Word16 ps2 = add(ps1, dn[p1]);
-        Word32 alp2 = L_mac(alp1, b0T[a * 8 + j], k1_2);
-        alp2 = L_mac(alp2, diag(rr, 0)[a], k1_4);
-        const Word16 sq2 = mult(ps2, ps2);
-        const Word16 alp16 = round(alp2);
+        const int32_t ps2 = add16(ps1, dn[p1]);
+        const int32_t alp2 = alp1 + b0T[a * 8 + j] * 2 * k1_2 + diag(rr, 0)[a] * 2 * k1_4;
+        const int32_t sq2 = (ps2 * ps2) >> 15;
+        const Word16 alp16 = round16(alp2);
         if (better(sq2, alp16, sq, alp)) {
-          sq = sq2;
-          ps = ps2;
+          sq = static_cast<Word16>(sq2);
+          ps = static_cast<Word16>(ps2);
           alp = alp16;
           ix = p0;
           iy = p1;
@@ -844,30 +913,24 @@ Word16 Encoder::searchPulses(Word16* dn, Word16* rr, const Word16* h, Word16* co
     j0 = i0 / kTracks;
     j1 = i1 / kTracks;
     ps0 = ps;
-    alp0 = L_mult(alp, k1_4);
+    alp0 = alp * 2 * k1_4;
     sq = -1;
     alp = 1;
-    for (int a = 0; a < kPositions; a++) {
-      Word32 s = L_mult(b2T[a * 8 + j0], k1_4);
-      s = L_mac(s, block(rr, 0, 2)[j1 * 8 + a], k1_4);
-      s = L_mac(s, diag(rr, 2)[a], k1_8);
-      tmp[a] = round(s);
-    }
+    for (int a = 0; a < kPositions; a++)
+      tmp[a] = round16((b2T[a * 8 + j0] + block(rr, 0, 2)[j1 * 8 + a]) * 2 * k1_4 + diag(rr, 2)[a] * 2 * k1_8);
     for (int a = 0; a < kPositions; a++) {
       const int i2 = 1 + kTracks * a;
-      const Word16 ps1 = add(ps0, dn[i2]);
-      Word32 alp1 = L_mac(alp0, b1T[a * 8 + j0], k1_8);
-      alp1 = L_mac(alp1, block(rr, 0, 1)[j1 * 8 + a], k1_8);
-      alp1 = L_mac(alp1, diag(rr, 1)[a], k1_16);
+      const int32_t ps1 = add16(ps0, dn[i2]);
+      const int32_t alp1 =
+          alp0 + (b1T[a * 8 + j0] + block(rr, 0, 1)[j1 * 8 + a]) * 2 * k1_8 + diag(rr, 1)[a] * 2 * k1_16;
       for (int c = 0; c < kPositions; c++) {
         const int i3 = 2 + kTracks * c;
-        const Word16 ps2 = add(ps1, dn[i3]);
-        Word32 alp2 = L_mac(alp1, block(rr, 1, 2)[a * 8 + c], k1_8);
-        alp2 = L_mac(alp2, tmp[c], k1_2);
-        const Word16 sq2 = mult(ps2, ps2);
-        const Word16 alp16 = round(alp2);
+        const int32_t ps2 = add16(ps1, dn[i3]);
+        const int64_t alp2 = int64_t{alp1} + block(rr, 1, 2)[a * 8 + c] * 2 * k1_8 + tmp[c] * 2 * int64_t{k1_2};
+        const int32_t sq2 = (ps2 * ps2) >> 15;
+        const Word16 alp16 = round16Sat(alp2);
         if (better(sq2, alp16, sq, alp)) {
-          sq = sq2;
+          sq = static_cast<Word16>(sq2);
           alp = alp16;
           ix = i2;
           iy = i3;
@@ -1058,13 +1121,16 @@ Word16 Encoder::quantiseGains(const Word16* code, const Word16* g, const Word16*
       const Word16 g2Pitch = mult(gPitch, gPitch);
       const Word16 g2Code = mult(gCode, gCode);
       const Word16 gPitCod = mult(gCode, gPitch);
-      Word32 d = Mpy_32_16(coef[0], coefLo[0], g2Pitch);
-      d = L_add(d, Mpy_32_16(coef[1], coefLo[1], gPitch));
-      d = L_add(d, Mpy_32_16(coef[2], coefLo[2], g2Code));
-      d = L_add(d, Mpy_32_16(coef[3], coefLo[3], gCode));
-      d = L_add(d, Mpy_32_16(coef[4], coefLo[4], gPitCod));
-      if (L_sub(d, distMin) < 0) {
-        distMin = d;
+      const int32_t terms[5] = {g2Pitch, gPitch, g2Code, gCode, gPitCod};
+      int64_t d = 0;
+      for (int k = 0; k < 5; k++) {
+        // Mpy_32_16 (lo is never negative, so mult() cannot saturate),
+        // then the saturating L_add.
+        const int64_t m = sat32(mult2(coef[k], terms[k]) + 2 * ((coefLo[k] * terms[k]) >> 15));
+        d = sat32(d + m);
+      }
+      if (d < distMin) {
+        distMin = static_cast<Word32>(d);
         index1 = cand1 + i;
         index2 = cand2 + j;
       }
