@@ -65,11 +65,4 @@ Codec* createCodecFor(CompressionType code) {
       return nullptr;
   }
 }
-
-bool hasCodecClass(CompressionType code) {
-  Codec* c = createCodecFor(code);
-  delete c;
-  return c != nullptr;
-}
-
 }  // namespace quillon

@@ -10,10 +10,6 @@ namespace quillon {
 // no codec class (PCM16 codes, unknown codes) or allocation fails.
 TAV::Codec* createCodecFor(TAV::CompressionType code);
 
-// Whether this build has a codec class for the code (decoding or encoding
-// may still be refused by the class's open()).
-bool hasCodecClass(TAV::CompressionType code);
-
 }  // namespace quillon
 
 #endif
