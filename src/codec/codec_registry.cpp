@@ -65,4 +65,5 @@ Codec* createCodecFor(CompressionType code) {
       return nullptr;
   }
 }
+
 }  // namespace quillon
