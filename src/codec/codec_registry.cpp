@@ -3,6 +3,7 @@
 #include <new>
 
 #include "quillon/codecs/codec_g711.h"
+#include "quillon/codecs/codec_icelp48.h"
 #include "quillon/codecs/codec_opus.h"
 #include "quillon/codecs/codec_pcm_linear.h"
 
@@ -42,7 +43,7 @@ Codec* createCodecFor(CompressionType code) {
     case CT_AMRWB:
       return nullptr;  // CodecLibAdapter
     case CT_ICELP48:
-      return nullptr;  // CodecICELP48
+      return make<CodecICELP48>();
     case CT_TETRA:
       return nullptr;  // CodecTetra
     case CT_SILK_20MS:
