@@ -12,8 +12,8 @@ namespace {
 
 // Weight of the previous frame's lines in each subframe's interpolation.
 constexpr float kPrevLsfWeight[kSubframes] = {0.5f, 0.25f, 0.0f, 0.0f};
-constexpr float kPostNumerator = 0.55f;
-constexpr float kPostDenominator = 0.75f;
+constexpr float kPostNumerator = 0.6f;
+constexpr float kPostDenominator = 0.7f;
 constexpr float kExcitationLimit = 65536.0f;
 constexpr float kSynthesisLimit = 1.0e6f;
 

@@ -146,7 +146,7 @@ void Icelp48Encoder::searchSubframe(int sf, const float* sw, const float aq[kOrd
     int bestLag = center, bestFraction = 0;
     float trial[kHistory + L];
     float y[L];
-    for (int t = center - 3; t <= center + 3; t++) {
+    for (int t = center - 6; t <= center + 6; t++) {
       if (t < kMinLag || t > kMaxLag) continue;
       for (int f = 0; f < 4; f++) {
         if (t == kMaxLag && f > 0) continue;
@@ -226,7 +226,7 @@ void Icelp48Encoder::searchSubframe(int sf, const float* sw, const float aq[kOrd
   }
   const int8_t* base = codebookBase();
   int bestIndex = 0;
-  float bestNum = -1.0f, bestDen = 1.0f, bestCorr = 0.0f;
+  float bestNum = -1.0f, bestDen = 1.0f;
   int pos[L];
   int8_t sgn[L];
   for (int idx = 0; idx < kFixedVectors; idx++) {
@@ -253,21 +253,35 @@ void Icelp48Encoder::searchSubframe(int sf, const float* sw, const float aq[kOrd
       bestNum = num;
       bestDen = energy;
       bestIndex = idx;
-      bestCorr = corr;
     }
   }
-  const float gc = bestNum > 0 ? bestCorr / bestDen : 0.0f;
+  // Joint gain choice: each pitch gain with its best quantised fixed gain.
+  const int8_t* best = base + kCodebookShift * bestIndex;
+  float code[L], z[L];
+  for (int n = 0; n < L; n++) code[n] = best[n];
+  sharpen(code, lag, beta);
+  convolve(code, h, z);
+  const float xz = dot(x, z, L), yz = dot(y, z, L), zz = dot(z, z, L);
+  float bestErr2 = 1e30f;
+  for (int i = 0; i < 16; i++) {
+    const float g = kPitchGain[i];
+    const float gcOpt = zz > 0 ? (xz - g * yz) / zz : 0.0f;
+    const int code8 = quantiseFixedGain(std::fabs(gcOpt));
+    const float gcq = fixedGainValue(code8) * (gcOpt < 0 ? -1.0f : 1.0f);
+    const float err = g * g * yy + gcq * gcq * zz - 2.0f * g * xy - 2.0f * gcq * xz + 2.0f * g * gcq * yz;
+    if (err < bestErr2) {
+      bestErr2 = err;
+      p.pitchGain[sf] = static_cast<int16_t>(i);
+      p.fixedGain[sf] = static_cast<int16_t>(code8);
+      p.fixedSign[sf] = static_cast<int16_t>(gcOpt < 0 ? 1 : 0);
+    }
+  }
   p.fixedIndex[sf] = static_cast<int16_t>(bestIndex);
-  p.fixedSign[sf] = static_cast<int16_t>(gc < 0 ? 1 : 0);
-  p.fixedGain[sf] = static_cast<int16_t>(quantiseFixedGain(std::fabs(gc)));
+  const float gpq = kPitchGain[p.pitchGain[sf]];
 
   // Local decoder: the excitation exactly as the decoder builds it.
   const float fixedGain = fixedGainValue(p.fixedGain[sf]) * (p.fixedSign[sf] ? -1.0f : 1.0f);
-  float code[L];
-  const int8_t* cb = base + kCodebookShift * bestIndex;
-  for (int n = 0; n < L; n++) code[n] = cb[n];
-  sharpen(code, lag, beta);
-  for (int n = 0; n < L; n++) exc[n] = clampf(gp * exc[n] + fixedGain * code[n], kExcitationLimit);
+  for (int n = 0; n < L; n++) exc[n] = clampf(gpq * exc[n] + fixedGain * code[n], kExcitationLimit);
 
   float s[L], w[L];
   for (int n = 0; n < L; n++) {
