@@ -510,4 +510,25 @@ TEST(Icelp48RoundTrip, EncoderAlternatesAndStaysInRange) {
   }
 }
 
+TEST(Icelp48RoundTrip, StreamEncoderMatchesWholeFrames) {
+  std::vector<int16_t> pcm(5 * kFrameSamples + 100);
+  for (size_t i = 0; i < pcm.size(); i++) pcm[i] = static_cast<int16_t>(9000 * std::sin(0.031 * i) * std::sin(0.0017 * i));
+  Icelp48Encoder whole;
+  std::vector<uint8_t> expect;
+  std::vector<int16_t> padded(6 * kFrameSamples, 0);
+  std::copy(pcm.begin(), pcm.end(), padded.begin());
+  for (int f = 0; f < 6; f++) {
+    uint8_t b[kFrameBytes];
+    whole.encode(&padded[static_cast<size_t>(f * kFrameSamples)], b);
+    expect.insert(expect.end(), b, b + kFrameBytes);
+  }
+  Icelp48StreamEncoder stream;
+  std::vector<uint8_t> got;
+  for (size_t i = 0; i < pcm.size(); i += 97) stream.feed(&pcm[i], std::min<size_t>(97, pcm.size() - i), got);
+  EXPECT_EQ(got.size(), 5u * kFrameBytes);
+  EXPECT_EQ(stream.heldSamples(), 100u);
+  stream.flush(got);
+  EXPECT_EQ(got, expect);
+}
+
 }  // namespace
