@@ -13,6 +13,7 @@
 #include "codecs/speech/icelp48/icelp48_dsp.h"
 #include "codecs/speech/icelp48/icelp48_encoder.h"
 #include "quillon/codecs/codec_icelp48.h"
+#include "quillon/transcoder.h"
 #include "test_support.h"
 
 namespace {
@@ -405,6 +406,23 @@ TEST(CodecICELP48, BufferContract) {
   EXPECT_TRUE(direct.close());
   n = 18;
   EXPECT_EQ(direct.decode(in.data(), n, out.data(), 480), 0u);  // no engine after close
+}
+
+TEST(CodecICELP48, TransCoderDecodesWholeFrames) {
+  using namespace TAV;
+  TransCoder t;
+  ASSERT_TRUE(t.open(AudioFormat(CT_ICELP48, 1), AudioFormat(CT_PCM16, 1)));
+  std::vector<uint8_t> in;
+  for (int f = 0; f < 4; f++) {
+    const Frame v = validFrame((f + 1) & 1, static_cast<uint32_t>(f));
+    in.insert(in.end(), v.begin(), v.end());
+  }
+  uint32 n = static_cast<uint32>(in.size());
+  const uint32 room = t.getOutSize(n);
+  EXPECT_EQ(room, 4u * 480u);
+  std::vector<int16_t> out(room / 2);
+  EXPECT_EQ(t.transcode(in.data(), n, reinterpret_cast<uint8*>(out.data()), room), room);
+  EXPECT_EQ(n, in.size());
 }
 
 // ---- round-trip quality --------------------------------------------------
