@@ -10,16 +10,16 @@ namespace {
 constexpr float kPi = 3.14159265358979f;
 
 // Per-line candidate frequencies in Hz, ascending.
-constexpr float kLsf1[] = {150, 220, 290, 370, 470};
-constexpr float kLsf2[] = {250, 320, 400, 480, 570, 670, 790, 930};
-constexpr float kLsf3[] = {450, 560, 680, 800, 930, 1080, 1250, 1450};
-constexpr float kLsf4[] = {700, 880, 1050, 1220, 1400, 1600, 1850};
-constexpr float kLsf5[] = {1050, 1250, 1420, 1580, 1750, 1950, 2200};
-constexpr float kLsf6[] = {1400, 1650, 1880, 2080, 2300, 2550};
-constexpr float kLsf7[] = {1850, 2100, 2350, 2580, 2800};
-constexpr float kLsf8[] = {2300, 2600, 2850, 3080};
-constexpr float kLsf9[] = {2750, 3000, 3200, 3400};
-constexpr float kLsf10[] = {3200, 3380, 3560, 3720};
+constexpr float kLsf1[] = {140, 220, 300, 385, 500};
+constexpr float kLsf2[] = {315, 365, 430, 515, 590, 675, 770, 1065};
+constexpr float kLsf3[] = {465, 540, 620, 700, 770, 880, 1045, 1345};
+constexpr float kLsf4[] = {715, 945, 1110, 1260, 1400, 1580, 1860};
+constexpr float kLsf5[] = {1110, 1310, 1485, 1640, 1780, 1940, 2175};
+constexpr float kLsf6[] = {1555, 1790, 1945, 2095, 2240, 2465};
+constexpr float kLsf7[] = {1980, 2240, 2400, 2555, 2715};
+constexpr float kLsf8[] = {2540, 2710, 2865, 3025};
+constexpr float kLsf9[] = {2915, 3130, 3285, 3395};
+constexpr float kLsf10[] = {3160, 3370, 3500, 3610};
 constexpr const float* kLsfTables[kOrder] = {kLsf1, kLsf2, kLsf3, kLsf4, kLsf5, kLsf6, kLsf7, kLsf8, kLsf9, kLsf10};
 
 constexpr uint32_t radixProduct() {
