@@ -18,6 +18,7 @@
 #include "quillon/codecs/codec_opus.h"
 #include "quillon/codecs/codec_silk.h"
 #include "quillon/codecs/codec_tetra.h"
+#include "quillon/codecs/codec_icelp48.h"
 #include "quillon/codecs/codec_lib_adapter.h"
 #include "quillon/codecs/codec_g729a.h"
 #include "quillon/codec_bench.h"

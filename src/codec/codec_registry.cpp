@@ -4,6 +4,7 @@
 
 #include "quillon/codecs/codec_g711.h"
 #include "quillon/codecs/codec_g72x.h"
+#include "quillon/codecs/codec_icelp48.h"
 #include "quillon/codecs/codec_lib_adapter.h"
 #include "quillon/codecs/codec_msadpcm32.h"
 #include "quillon/codecs/codec_opus.h"
@@ -47,7 +48,7 @@ Codec* createCodecFor(CompressionType code) {
     case CT_AMRWB:
       return make<CodecLibAdapter>();
     case CT_ICELP48:
-      return nullptr;  // CodecICELP48
+      return make<CodecICELP48>();
     case CT_TETRA:
       return make<CodecTetra>();
     case CT_SILK_20MS:
