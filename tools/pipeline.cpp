@@ -118,10 +118,11 @@ void DecodePipeline::emit(const int16_t* pcm, size_t samples, std::vector<int16_
 }
 
 bool DecodePipeline::decodeSlice(const uint8_t* data, uint32_t bytes, std::vector<int16_t>& out, std::string&) {
-  // Some engines take the byte capacity as a sample count: offer twice the room.
-  uint32_t capacity = m_handle ? AudioFormat(CT_PCM16, 1).samplesToBytes(m_inFormat.bytesToSamples(bytes))
-                               : m_transcoder->getOutSize(bytes);
-  capacity += 64;
+  // Exactly the output of these whole frames (some codecs insist on it);
+  // the buffer is twice that, as some engines take the byte capacity for a
+  // sample count.
+  const uint32_t capacity = m_handle ? AudioFormat(CT_PCM16, 1).samplesToBytes(m_inFormat.bytesToSamples(bytes))
+                                     : m_transcoder->getOutSize(bytes);
   m_outBuffer.resize(2 * static_cast<size_t>(capacity));
   uint32_t produced;
   if (m_handle) {
@@ -245,6 +246,10 @@ bool EncodePipeline::open(CompressionType code, uint32_t inRate, std::string& er
     m_halver = std::make_unique<Halver>();
     if (!m_halver->open(error)) return false;
   }
+  if (code == CT_ICELP48) {
+    m_icelp48 = std::make_unique<icelp48::Icelp48StreamEncoder>();
+    return true;
+  }
   // PCM straight into the encoder: it holds back partial frames itself.
   if (!m_transcoder.open(AudioFormat(rate == 16000 ? CT_PCM16_16K : CT_PCM16, 1), out)) {
     error = "no encoder in this build for compression code " + std::to_string(static_cast<int>(code));
@@ -262,6 +267,7 @@ void EncodePipeline::feed(const int16_t* pcm, size_t samples, std::vector<uint8_
 
 void EncodePipeline::encode(const int16_t* pcm, size_t samples, std::vector<uint8_t>& out) {
   if (samples == 0) return;
+  if (m_icelp48) return m_icelp48->feed(pcm, samples, out);
   uint32_t inBytes = static_cast<uint32_t>(samples * 2);
   // Room for this input plus whatever the encoder held back before.
   const uint32_t capacity = inBytes + 65536;
@@ -272,6 +278,7 @@ void EncodePipeline::encode(const int16_t* pcm, size_t samples, std::vector<uint
 }
 
 void EncodePipeline::flush(std::vector<uint8_t>& out) {
+  if (m_icelp48) return m_icelp48->flush(out);
   // An empty call asks frame encoders to pad and emit a partial last frame.
   uint32_t none = 0;
   m_outBuffer.resize(65536);

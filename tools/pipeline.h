@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "codecs/speech/icelp48/icelp48_encoder.h"
 #include "quillon/quillon.h"
 
 namespace quillon::tool {
@@ -80,6 +81,8 @@ class EncodePipeline {
   void encode(const int16_t* pcm, size_t samples, std::vector<uint8_t>& out);
 
   TAV::TransCoder m_transcoder;
+  // ICELP48 has no TAV::Codec encoder: its engine is driven directly.
+  std::unique_ptr<icelp48::Icelp48StreamEncoder> m_icelp48;
   std::unique_ptr<Halver> m_halver;
   std::vector<int16_t> m_halved;
   std::vector<uint8_t> m_outBuffer;
