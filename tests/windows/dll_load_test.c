@@ -2,12 +2,13 @@
  * GetProcAddress by the decorated __stdcall names, and drives the C
  * interface on a stream of every codec family the DLL decodes.
  *
- *   dll_load_test.exe PATH\quillon.dll [VECTOR_DIR]
+ *   dll_load_test.exe PATH\quillon.dll [VECTOR_DIR [--require=CODE,...]]
  *
  * Streams are made here where that is easy (G.711, G.726, PCM8, MS ADPCM
  * output); with VECTOR_DIR the shared conformance streams are decoded too
  * and compared with their reference output. Families whose decoder is not
- * in this build (decoder_create gives 0) are reported and skipped.
+ * in this build (decoder_create gives 0) are reported and skipped, unless
+ * --require lists their code.
  * Exit status 0 when every check passed. */
 #include <windows.h>
 
@@ -47,6 +48,16 @@ static struct {
 
 static int failures = 0;
 static const char* vectorDir = NULL;
+static const char* requiredCodes = ""; /* "20,50": codes that must decode */
+
+static int isRequired(int code) {
+  for (const char* p = requiredCodes; *p;) {
+    if (atoi(p) == code) return 1;
+    while (*p && *p != ',') ++p;
+    if (*p == ',') ++p;
+  }
+  return 0;
+}
 
 #define CHECK(cond, ...)                           \
   do {                                             \
@@ -280,6 +291,8 @@ static void testOtherFamilies(void) {
   for (size_t k = 0; k < sizeof others / sizeof others[0]; ++k) {
     uintptr_t h = dll.create(others[k].code);
     if (!h) {
+      CHECK(!isRequired(others[k].code), "%s (code %d): no decoder though registered", others[k].family,
+            others[k].code);
       printf("  %-12s (code %d) not in this build\n", others[k].family, others[k].code);
       continue;
     }
@@ -357,6 +370,7 @@ int main(int argc, char** argv) {
     fprintf(stderr, "usage: %s PATH\\quillon.dll [VECTOR_DIR]\n", argv[0]);
     return 2;
   }
+  if (argc > 3 && strncmp(argv[3], "--require=", 10) == 0) requiredCodes = argv[3] + 10;
   if (argc > 2) {
     DWORD attributes = GetFileAttributesA(argv[2]);
     if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY)) vectorDir = argv[2];
