@@ -1,7 +1,11 @@
 // Host and session information exports: buffer rules, error mapping and
 // the version values.
 #include <gtest/gtest.h>
+#if defined(_WIN32)
+#include <windows.h>
+#else
 #include <unistd.h>
+#endif
 
 #include <cstring>
 #include <string>
@@ -13,9 +17,16 @@
 namespace {
 
 std::string expectedComputerName() {
+#if defined(_WIN32)
+  char name[16] = {};
+  DWORD size = sizeof name;
+  if (!GetComputerNameA(name, &size)) return std::string();
+  return std::string(name, size);
+#else
   char host[256] = {};
   gethostname(host, sizeof host - 1);
   return std::string(host).substr(0, 15);
+#endif
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // the tool does not dispatch to them).
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -13,20 +14,28 @@ namespace {
 
 // Runs the tool with `args`; returns its exit code, stdout in `out`.
 int runTool(const std::string& args, std::string& out) {
+  // Named per process and test: ctest runs the cases in parallel.
   const std::filesystem::path dir = std::filesystem::temp_directory_path();
-  const std::filesystem::path outFile = dir / "quillon_tool_test.out";
+  const std::string tag = std::to_string(::getpid()) + "-" +
+                          ::testing::UnitTest::GetInstance()->current_test_info()->name();
+  const std::filesystem::path outFile = dir / ("quillon_tool_test-" + tag + ".out");
+  const std::filesystem::path errFile = dir / ("quillon_tool_test-" + tag + ".err");
   const std::string cmd = std::string("\"") + QUILLON_TOOL_PATH + "\" " + args + " > \"" + outFile.string() +
-                          "\" 2> \"" + (dir / "quillon_tool_test.err").string() + "\"";
+                          "\" 2> \"" + errFile.string() + "\"";
   const int status = std::system(cmd.c_str());
   const std::vector<uint8_t> bytes = quillon::test::readFile(outFile);
   out.assign(bytes.begin(), bytes.end());
+  std::error_code ignored;
+  std::filesystem::remove(outFile, ignored);
+  std::filesystem::remove(errFile, ignored);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace
 
 TEST(CharsetTool, TextCommand) {
-  const std::filesystem::path in = std::filesystem::temp_directory_path() / "quillon_text_in.txt";
+  const std::filesystem::path in =
+      std::filesystem::temp_directory_path() / ("quillon_text_in-" + std::to_string(::getpid()) + ".txt");
   {
     std::ofstream f(in, std::ios::binary);
     f << "caf\xC3\xA9\n";

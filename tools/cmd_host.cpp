@@ -26,7 +26,7 @@ std::string utf16ToUtf8(const quillon_wchar_t* units, uint32_t count) {
 }
 
 // Calls a char-buffer export twice: once for the size, once for the text.
-std::string askText(int32_t (*query)(char*, uint32_t*), int32_t& rc) {
+std::string askText(int32_t(QUILLON_STDCALL* query)(char*, uint32_t*), int32_t& rc) {
   uint32_t size = 0;
   rc = query(nullptr, &size);
   if (rc != -1) return std::string();

@@ -6,10 +6,16 @@
 #include <stdint.h>
 
 #if defined(_WIN32)
-#  if defined(QUILLON_BUILDING_LIBRARY)
-#    define QUILLON_API __declspec(dllexport)
-#  else
+/* quillon.dll exports exactly the C functions and values listed in
+ * src/api/quillon.def, under their decorated names; a dllexport mark would
+ * add a second export per symbol, so nothing is marked here. C programs
+ * linking the import library may define QUILLON_DLL_IMPORT to import the
+ * version values directly. The C++ classes are not exported: C++ users link
+ * the static library. */
+#  if defined(QUILLON_DLL_IMPORT) && !defined(QUILLON_BUILDING_LIBRARY)
 #    define QUILLON_API __declspec(dllimport)
+#  else
+#    define QUILLON_API
 #  endif
 #  define QUILLON_STDCALL __stdcall
 #else

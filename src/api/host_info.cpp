@@ -46,7 +46,7 @@ int32_t copyWithLength(const char* text, char* buffer, uint32_t* size) {
   const uint32_t length = static_cast<uint32_t>(std::strlen(text));
   const uint32_t room = *size;
   *size = length;
-  if (length > room || buffer == nullptr) return -1;  // a size query passes no buffer
+  if (length > room || buffer == nullptr) return -1;  // no buffer: report the size only
   std::memcpy(buffer, text, length + 1);
   return 0;
 }
