@@ -1,0 +1,152 @@
+// AMR-WB engine conformance: the 3GPP reference-package sequences and peer
+// streams of every mode, DTX and mode switching, decoded frame by frame
+// straight through the engine and compared sample for sample.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "codecs/speech/codeclib/amrwb/amrwb_decoder.h"
+#include "test_support.h"
+
+namespace fs = std::filesystem;
+using quillon::amrwb::Decoder;
+using quillon::amrwb::frameBytesForToc;
+using quillon::amrwb::frameBytesForType;
+using quillon::amrwb::kFrameSamples;
+using quillon::test::firstMismatch;
+using quillon::test::readFile;
+using quillon::test::readPcm16;
+
+namespace {
+
+// Frames of a length-prefixed stream (int16 LE byte count, then the frame).
+std::vector<std::vector<uint8_t>> splitFrames(const std::vector<uint8_t>& s) {
+  std::vector<std::vector<uint8_t>> frames;
+  size_t p = 0;
+  while (p + 2 <= s.size()) {
+    const int n = static_cast<int16_t>(s[p] | (s[p + 1] << 8));
+    p += 2;
+    if (n < 0 || p + static_cast<size_t>(n) > s.size()) break;
+    frames.emplace_back(s.begin() + static_cast<long>(p), s.begin() + static_cast<long>(p + n));
+    p += static_cast<size_t>(n);
+  }
+  return frames;
+}
+
+struct Decoded {
+  std::vector<int16_t> pcm;
+  int badSizes = 0;  // frames whose length differs from the size table
+};
+
+Decoded decodeStream(const fs::path& file) {
+  Decoded d;
+  Decoder dec;
+  int16_t out[kFrameSamples];
+  for (const auto& f : splitFrames(readFile(file))) {
+    if (f.empty()) continue;
+    const int used = dec.decodeFrame(f.data(), f.size(), out);
+    if (used != static_cast<int>(f.size())) d.badSizes++;
+    if (used > 0) d.pcm.insert(d.pcm.end(), out, out + kFrameSamples);
+  }
+  return d;
+}
+
+// Decodes every NAME.amrwb in `dir` and returns the names that differ from
+// NAME.pcm, with the first mismatching sample.
+std::vector<std::string> failingStreams(const fs::path& dir, const std::vector<std::string>& names,
+                                        int& checked) {
+  std::vector<std::string> bad;
+  for (const std::string& name : names) {
+    const Decoded d = decodeStream(dir / (name + ".amrwb"));
+    const std::vector<int16_t> ref = readPcm16(dir / (name + ".pcm"));
+    checked++;
+    const long at = firstMismatch(d.pcm, ref);
+    if (at >= 0 || d.badSizes != 0 || ref.empty()) {
+      bad.push_back(name + " (first mismatch at sample " + std::to_string(at) + " of " +
+                    std::to_string(ref.size()) + ", frame " + std::to_string(at / kFrameSamples) + ")");
+    }
+  }
+  return bad;
+}
+
+std::string join(const std::vector<std::string>& v) {
+  std::string s;
+  for (const auto& x : v) s += "\n  " + x;
+  return s;
+}
+
+const std::vector<std::string> kPeerStreams = {
+    "orig16k-mode0", "orig16k-mode1", "orig16k-mode2", "orig16k-mode3",
+    "orig16k-mode4", "orig16k-mode5", "orig16k-mode6", "orig16k-mode7",
+    "orig16k-mode8", "orig16k-quiet-mode8", "orig16k-gaps-dtx-mode2", "orig16k-switch",
+    "random",
+};
+
+}  // namespace
+
+TEST(AmrwbEngine, FrameSizeTable) {
+  const int expected[16] = {18, 24, 33, 37, 41, 47, 51, 59, 61, 6, 6, 0, 0, 0, 1, 1};
+  for (int t = 0; t < 16; t++) {
+    EXPECT_EQ(frameBytesForType(t), expected[t]) << t;
+    EXPECT_EQ(frameBytesForToc(static_cast<uint8_t>((t << 3) | 0x04)), expected[t]) << t;
+    EXPECT_EQ(frameBytesForToc(static_cast<uint8_t>(0x80 | (t << 3) | 0x03)), expected[t]) << t;
+  }
+}
+
+TEST(AmrwbEngine, RejectsShortAndEmptyInput) {
+  Decoder dec;
+  int16_t out[kFrameSamples];
+  std::memset(out, 0x55, sizeof out);
+  uint8_t frame[61] = {static_cast<uint8_t>((8 << 3) | 0x04)};
+  EXPECT_EQ(dec.decodeFrame(frame, 0, out), -1);
+  EXPECT_EQ(dec.decodeFrame(nullptr, 61, out), -1);
+  EXPECT_EQ(dec.decodeFrame(frame, 60, out), -1);
+  EXPECT_EQ(out[0], 0x5555) << "nothing is written for a short frame";
+  EXPECT_EQ(dec.decodeFrame(frame, 61, out), 61);
+  // NO_DATA and the unused types 11..13 take their ToC byte.
+  for (int t : {11, 12, 13, 14, 15}) {
+    const uint8_t toc = static_cast<uint8_t>((t << 3) | 0x04);
+    EXPECT_EQ(dec.decodeFrame(&toc, 1, out), 1) << t;
+  }
+}
+
+// Output of a fresh decoder is a function of the frames only: reset()
+// brings it back exactly.
+TEST(AmrwbEngine, ResetRestartsTheStream) {
+  QUILLON_REQUIRE_VECTORS(dir, "amrwb");
+  const auto frames = splitFrames(readFile(dir / "orig16k-switch.amrwb"));
+  ASSERT_GE(frames.size(), 40u);
+  Decoder dec;
+  std::vector<int16_t> first, second;
+  int16_t out[kFrameSamples];
+  for (int pass = 0; pass < 2; pass++) {
+    auto& dst = pass == 0 ? first : second;
+    for (size_t i = 0; i < 40; i++) {
+      ASSERT_GT(dec.decodeFrame(frames[i].data(), frames[i].size(), out), 0);
+      dst.insert(dst.end(), out, out + kFrameSamples);
+    }
+    dec.reset();
+  }
+  EXPECT_EQ(first, second);
+}
+
+TEST(AmrwbEngine, ThreeGppSequencesBitExact) {
+  QUILLON_REQUIRE_VECTORS(dir, "amrwb-3gpp");
+  std::vector<std::string> names;
+  for (int m = 0; m <= 8; m++) names.push_back("tst_m" + std::to_string(m));
+  names.push_back("tst_md");
+  int checked = 0;
+  const auto bad = failingStreams(dir, names, checked);
+  EXPECT_EQ(checked, 10);
+  EXPECT_TRUE(bad.empty()) << "streams differing from the 3GPP output:" << join(bad);
+}
+
+TEST(AmrwbEngine, PeerStreamsBitExact) {
+  QUILLON_REQUIRE_VECTORS(dir, "amrwb");
+  int checked = 0;
+  const auto bad = failingStreams(dir, kPeerStreams, checked);
+  EXPECT_EQ(checked, static_cast<int>(kPeerStreams.size()));
+  EXPECT_TRUE(bad.empty()) << "streams differing from the peer output:" << join(bad);
+}
