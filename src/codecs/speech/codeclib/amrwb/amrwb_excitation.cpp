@@ -278,6 +278,18 @@ void Decoder::predictLongTerm(Word16* exc, Word16 t0, Word16 frac, int len) {
   }
   x -= 15;
   const int phase = 3 - frac;
+  // Fast path when the filter only reads past excitation (lag beyond the
+  // subframe) and that history is small enough that no partial sum can
+  // saturate (35692 = largest |coefficient| sum of a phase).
+  if (t0 > len + 16 && chainCannotSaturate(x, len + 31, 35692)) {
+    const int16_t* c = tables::kPitchInterp + phase;
+    for (int j = 0; j < len; j++) {
+      int32_t acc = 0;
+      for (int i = 0; i < 32; i++) acc += static_cast<int32_t>(x[j + i]) * c[4 * i];
+      exc[j] = round(L_shl(acc * 2, 1));
+    }
+    return;
+  }
   for (int j = 0; j < len; j++) {
     Word32 acc = 0;
     for (int i = 0; i < 32; i++) acc = L_mac(acc, x[i], tables::kPitchInterp[phase + 4 * i]);

@@ -82,7 +82,11 @@ void Decoder::isfToIsp(const Word16* isf, Word16* isp, int m) {
   for (int i = 0; i < m - 1; i++) v[i] = isf[i];
   v[m - 1] = shl(isf[m - 1], 1);
   for (int i = 0; i < m; i++) {
-    const int ind = v[i] >> 7;
+    // Valid frequencies stay below 0.5 (index 127); damaged or random
+    // parameters must not read outside the cosine grid.
+    int ind = v[i] >> 7;
+    if (ind < 0) ind = 0;
+    if (ind > 127) ind = 127;
     const Word16 offset = static_cast<Word16>(v[i] & 0x7f);
     const Word32 t = L_mult(sub(tables::kCosineGrid[ind + 1], tables::kCosineGrid[ind]), offset);
     isp[i] = add(tables::kCosineGrid[ind], extract_l(L_shr(t, 8)));

@@ -12,9 +12,27 @@ namespace {
 constexpr Word16 kHfGain[16] = {3624,  4673,  5597,  6479,  7425,  8378,  9324,  10264,
                                 11210, 12206, 13391, 14844, 16770, 19655, 24289, 32728};
 constexpr Word16 kDeemphFac = 22282;
+
+// Largest sum of |coefficients| of one filter phase: while
+// max|x| * sum * 2 fits in 31 bits no partial sum of a saturating
+// multiply-accumulate chain can overflow, so plain integer sums give the
+// same result.
+constexpr int32_t kUpsampleAbsSum = 37140;
+constexpr int32_t kBandPassAbsSum = 158870;
+constexpr int32_t kLowPassAbsSum = 61098;
 }  // namespace
 
+bool Decoder::chainCannotSaturate(const Word16* x, int n, int32_t coefAbsSum) {
+  int32_t peak = 0;
+  for (int i = 0; i < n; i++) {
+    const int32_t a = x[i] < 0 ? -static_cast<int32_t>(x[i]) : x[i];
+    if (a > peak) peak = a;
+  }
+  return static_cast<int64_t>(peak) * coefAbsSum * 2 <= fx::MAX_32;
+}
+
 void Decoder::scaleSignal(Word16* x, int n, Word16 exp) {
+  if (exp == 0) return;  // round(x << 16) == x
   for (int i = 0; i < n; i++) x[i] = round(L_shl(L_deposit_h(x[i]), exp));
 }
 
@@ -118,6 +136,21 @@ void Decoder::upsample(const Word16* sig12k8, Word16* sig16k) {
   std::memcpy(buf, upMem_, sizeof upMem_);
   std::memcpy(buf + 2 * kTaps, sig12k8, kSub * sizeof(Word16));
   const Word16* sig = buf + kTaps;
+  if (chainCannotSaturate(buf, kSub + 2 * kTaps, kUpsampleAbsSum)) {
+    int pos = 0;
+    for (int j = 0; j < kSub16; j++) {
+      const int whole = pos / 5;
+      const int frac = pos - whole * 5;
+      const Word16* x = sig + whole - kTaps + 1;
+      const int16_t* c = tables::kUpsampleFir + 4 - frac;
+      int32_t acc = 0;
+      for (int i = 0; i < 2 * kTaps; i++) acc += static_cast<int32_t>(x[i]) * c[5 * i];
+      sig16k[j] = round(L_shl(acc * 2, 1));
+      pos += 4;
+    }
+    std::memcpy(upMem_, buf + kSub, sizeof upMem_);
+    return;
+  }
   int pos = 0;
   for (int j = 0; j < kSub16; j++) {
     const int whole = pos / 5;
@@ -133,11 +166,22 @@ void Decoder::upsample(const Word16* sig12k8, Word16* sig16k) {
   std::memcpy(upMem_, buf + kSub, sizeof upMem_);
 }
 
-// 31-tap FIR over n (<= 80) samples, input shifted right by inShift.
-void Decoder::fir31(Word16* sig, int n, Word16* mem, const int16_t* coef, int inShift) {
+// 31-tap FIR over n (<= 80) samples, input shifted right by inShift;
+// coefAbsSum is the sum of |coef|.
+void Decoder::fir31(Word16* sig, int n, Word16* mem, const int16_t* coef, int32_t coefAbsSum,
+                    int inShift) {
   Word16 x[kSub16 + 30];
   std::memcpy(x, mem, 30 * sizeof(Word16));
   for (int i = 0; i < n; i++) x[30 + i] = shr(sig[i], static_cast<Word16>(inShift));
+  if (chainCannotSaturate(x, n + 30, coefAbsSum)) {
+    for (int i = 0; i < n; i++) {
+      int32_t acc = 0;
+      for (int j = 0; j < 31; j++) acc += static_cast<int32_t>(x[i + j]) * coef[j];
+      sig[i] = round(acc * 2);
+    }
+    std::memcpy(mem, x + n, 30 * sizeof(Word16));
+    return;
+  }
   for (int i = 0; i < n; i++) {
     Word32 acc = 0;
     for (int j = 0; j < 31; j++) acc = L_mac(acc, x[i + j], coef[j]);
@@ -229,8 +273,8 @@ void Decoder::synthesise(const Word16* aq, Word16* exc, Word16 qNew, Word16* out
     lpcSynthesis(ap, kOrder, hf, hf, kSub16, hfSynMem_ + (kOrderHf - kOrder));
   }
 
-  fir31(hf, kSub16, hfBandMem_, tables::kBandPass6k7k, 2);
-  if (mode == 8) fir31(hf, kSub16, hfLowMem_, tables::kLowPass7k, 0);
+  fir31(hf, kSub16, hfBandMem_, tables::kBandPass6k7k, kBandPassAbsSum, 2);
+  if (mode == 8) fir31(hf, kSub16, hfLowMem_, tables::kLowPass7k, kLowPassAbsSum, 0);
 
   for (int i = 0; i < kSub16; i++) out16k[i] = add(out16k[i], hf[i]);
 }
