@@ -15,6 +15,7 @@ namespace fs = std::filesystem;
 using quillon::amrwb::Decoder;
 using quillon::amrwb::frameBytesForToc;
 using quillon::amrwb::frameBytesForType;
+using quillon::amrwb::frameTypeOf;
 using quillon::amrwb::kFrameSamples;
 using quillon::test::firstMismatch;
 using quillon::test::readFile;
@@ -256,4 +257,35 @@ TEST(AmrwbEngine, LostAndMissingFrames) {
     }
     EXPECT_GE(differing, 3) << int(type);
   }
+}
+
+// Comfort noise with every SID damaged: the decoder keeps the last noise
+// parameters, then mutes once no valid SID has arrived for 50 frames.
+TEST(AmrwbEngine, DamagedSidsMuteTheComfortNoise) {
+  QUILLON_REQUIRE_VECTORS(dir, "amrwb");
+  const auto frames = splitFrames(readFile(dir / "orig16k-gaps-dtx-mode2.amrwb"));
+  const std::vector<int16_t> clean = readPcm16(dir / "orig16k-gaps-dtx-mode2.pcm");
+  ASSERT_EQ(frames.size(), 740u);
+  // Frames 650..739 are the trailing noise gap (SID_FIRST, updates, NO_DATA).
+  Decoder dec;
+  std::vector<int16_t> pcm;
+  int16_t out[kFrameSamples];
+  int sids = 0;
+  for (size_t i = 0; i < frames.size(); i++) {
+    const bool damage = i >= 650 && frameTypeOf(frames[i][0]) == 9;
+    sids += damage;
+    ASSERT_EQ(dec.decodeFrame(frames[i].data(), frames[i].size(), out, damage),
+              static_cast<int>(frames[i].size()));
+    pcm.insert(pcm.end(), out, out + kFrameSamples);
+  }
+  EXPECT_GE(sids, 8);
+  const long gapStart = 650 * kFrameSamples;
+  EXPECT_EQ(std::vector<int16_t>(pcm.begin(), pcm.begin() + gapStart),
+            std::vector<int16_t>(clean.begin(), clean.begin() + gapStart));
+  EXPECT_NE(pcm, clean);
+  double early = 0, late = 0;
+  for (size_t f = 650; f < 670; f++) early += energy(pcm, f);
+  for (size_t f = 720; f < 740; f++) late += energy(pcm, f);
+  EXPECT_GT(early, 0.0);
+  EXPECT_LT(late, early / 4);
 }
