@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <iostream>
 #include <string>
 #include <vector>
 
@@ -83,15 +82,9 @@ const std::vector<std::string> kPeerStreams = {
     "orig16k-mode0", "orig16k-mode1", "orig16k-mode2", "orig16k-mode3",
     "orig16k-mode4", "orig16k-mode5", "orig16k-mode6", "orig16k-mode7",
     "orig16k-mode8", "orig16k-quiet-mode8", "orig16k-gaps-dtx-mode2", "orig16k-switch",
+    "random",  // random parameters: overflowing filters in every mode
 };
 
-// KNOWN FAILING: the peer decoder's output for random speech bits. Its
-// arithmetic leaves the standard's saturating operators where random
-// parameters drive the filters into overflow (it wraps where the 3GPP code
-// saturates), so the two part ways at frame 18 and again on a few single
-// samples. Checked separately below; the test fails once a stream matches,
-// so that it moves to the list above.
-const std::vector<std::string> kKnownFailingPeerStreams = {"random"};
 
 }  // namespace
 
@@ -158,15 +151,6 @@ TEST(AmrwbEngine, PeerStreamsBitExact) {
   const auto bad = failingStreams(dir, kPeerStreams, checked);
   EXPECT_EQ(checked, static_cast<int>(kPeerStreams.size()));
   EXPECT_TRUE(bad.empty()) << "streams differing from the peer output:" << join(bad);
-}
-
-TEST(AmrwbEngineKnownFailing, PeerStreamsStillDiffer) {
-  QUILLON_REQUIRE_VECTORS(dir, "amrwb");
-  int checked = 0;
-  const auto bad = failingStreams(dir, kKnownFailingPeerStreams, checked);
-  EXPECT_EQ(bad.size(), kKnownFailingPeerStreams.size())
-      << "a known-failing stream is now bit-exact: move it to the passing list";
-  for (const auto& b : bad) std::cout << "[ KNOWN FAIL ] " << b << "\n";
 }
 
 namespace {

@@ -17,9 +17,36 @@ constexpr Word16 kDeemphFac = 22282;
 // max|x| * sum * 2 fits in 31 bits no partial sum of a saturating
 // multiply-accumulate chain can overflow, so plain integer sums give the
 // same result.
-constexpr int32_t kUpsampleAbsSum = 37140;
 constexpr int32_t kBandPassAbsSum = 158870;
 constexpr int32_t kLowPassAbsSum = 61098;
+}  // namespace
+
+// ---- overflow behaviour of the synthesis chain -------------------------
+// Where a filter overflows (loud or damaged frames) this decoder follows the
+// widespread fixed-point implementation whose output the peer streams come
+// from: sums are exact 32-bit (wrapping) integer sums, saturation happens
+// only at the explicit shifts, and the final rounding wraps. For every
+// frame that does not overflow the results equal the saturating chain.
+namespace {
+inline int32_t wrapAdd(int32_t a, int32_t b) {
+  return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+}
+inline int32_t wrapShl(int32_t v, int n) { return static_cast<int32_t>(static_cast<uint32_t>(v) << n); }
+// Left shift saturating on overflow.
+inline int32_t satShl(int32_t v, int n) {
+  const int32_t r = wrapShl(v, n);
+  return (r >> n) != v ? ((v >> 31) ^ fx::MAX_32) : r;
+}
+// High half after adding 0x8000, wrapping (except at the maximum).
+inline Word16 roundWrap(int32_t v) {
+  if (v != fx::MAX_32) v = wrapAdd(v, 0x8000);
+  return static_cast<Word16>(v >> 16);
+}
+// round(v << 1): saturates when the shift overflows, not in the rounding.
+inline Word16 shl1RoundWrap(int32_t v) {
+  if (wrapShl(v, 1) >> 1 == v) return static_cast<Word16>(wrapAdd(v, 0x4000) >> 15);
+  return static_cast<Word16>(((v >> 31) ^ fx::MAX_32) >> 16);
+}
 }  // namespace
 
 bool Decoder::chainCannotSaturate(const Word16* x, int n, int32_t coefAbsSum) {
@@ -58,45 +85,45 @@ void Decoder::lpcSynthesis(const Word16* a, int m, const Word16* x, Word16* y, i
 // outputs are written after the M history samples in hi[]/lo[].
 void Decoder::lpcSynthesis32(const Word16* a, const Word16* exc, Word16 qNew, Word16* hi,
                              Word16* lo) {
-  const Word16 s = sub(norm_s(a[0]), 2);
-  const Word16 a0 = shr(a[0], add(4, qNew));
+  // The filter gain a[0] is taken as 1.0 (4096 in Q12).
+  const int inShift = 9 - qNew;
   for (int i = 0; i < kSub; i++) {
-    Word32 acc = 0;
-    for (int j = 1; j <= kOrder; j++) acc = L_msu(acc, lo[i - j], a[j]);
-    acc = L_shr(acc, 12);
-    acc = L_mac(acc, exc[i], a0);
-    for (int j = 1; j <= kOrder; j++) acc = L_msu(acc, hi[i - j], a[j]);
-    acc = L_shl(acc, add(3, s));
-    hi[i] = extract_h(acc);
-    lo[i] = extract_l(L_msu(L_shr(acc, 4), hi[i], 2048));
+    int32_t sumLo = 0, sumHi = 0;
+    for (int j = 1; j <= kOrder; j++) {
+      sumLo = wrapAdd(sumLo, static_cast<int32_t>(lo[i - j]) * a[j]);
+      sumHi = wrapAdd(sumHi, static_cast<int32_t>(hi[i - j]) * a[j]);
+    }
+    int32_t acc = static_cast<int32_t>(0u - static_cast<uint32_t>(sumLo)) >> 11;
+    acc = wrapAdd(acc, wrapShl(exc[i], inShift));
+    acc = wrapAdd(acc, static_cast<int32_t>(0u - static_cast<uint32_t>(wrapShl(sumHi, 1))));
+    acc = satShl(acc, 3);
+    hi[i] = static_cast<Word16>(acc >> 16);
+    lo[i] = static_cast<Word16>((acc >> 4) - (static_cast<int32_t>(hi[i]) << 12));
   }
 }
 
 // Second-order IIR high-pass in double precision: 50 Hz cut-off on the
 // synthesis (gain x2 in the output), 400 Hz for the tilt estimate.
 void Decoder::highPass50(Word16* sig, int n) {
-  static constexpr Word16 b[3] = {4053, -8106, 4053};
-  static constexpr Word16 a[3] = {8192, 16211, -8021};
   Word16* m = hp50Mem_;
   Word16 y2hi = m[0], y2lo = m[1], y1hi = m[2], y1lo = m[3], x0 = m[4], x1 = m[5];
   for (int i = 0; i < n; i++) {
     const Word16 x2 = x1;
     x1 = x0;
     x0 = sig[i];
-    Word32 acc = 16384;
-    acc = L_mac(acc, y1lo, a[1]);
-    acc = L_mac(acc, y2lo, a[2]);
-    acc = L_shr(acc, 15);
-    acc = L_mac(acc, y1hi, a[1]);
-    acc = L_mac(acc, y2hi, a[2]);
-    acc = L_mac(acc, x0, b[0]);
-    acc = L_mac(acc, x1, b[1]);
-    acc = L_mac(acc, x2, b[2]);
-    acc = L_shl(acc, 2);
+    // b = {4053, -8106, 4053}, a = {16211, -8021} in Q12, doubled
+    const int32_t low = 8192 + y1lo * 16211 + y2lo * -8021;
+    int32_t high = y1hi * 32422;
+    high = wrapAdd(high, y2hi * -16042);
+    high = wrapAdd(high, x2 * 8106);
+    high = wrapAdd(high, x1 * -16212);
+    high = wrapAdd(high, x0 * 8106);
+    const int32_t acc = wrapShl(wrapAdd(low >> 14, high), 2);
     y2hi = y1hi;
     y2lo = y1lo;
-    L_Extract(acc, y1hi, y1lo);
-    sig[i] = round(L_shl(acc, 1));
+    y1hi = static_cast<Word16>(acc >> 16);
+    y1lo = static_cast<Word16>(wrapAdd(acc, -(static_cast<int32_t>(y1hi) << 16)) >> 1);
+    sig[i] = shl1RoundWrap(acc);
   }
   m[0] = y2hi; m[1] = y2lo; m[2] = y1hi; m[3] = y1lo; m[4] = x0; m[5] = x1;
 }
@@ -136,31 +163,19 @@ void Decoder::upsample(const Word16* sig12k8, Word16* sig16k) {
   std::memcpy(buf, upMem_, sizeof upMem_);
   std::memcpy(buf + 2 * kTaps, sig12k8, kSub * sizeof(Word16));
   const Word16* sig = buf + kTaps;
-  if (chainCannotSaturate(buf, kSub + 2 * kTaps, kUpsampleAbsSum)) {
-    int pos = 0;
-    for (int j = 0; j < kSub16; j++) {
-      const int whole = pos / 5;
-      const int frac = pos - whole * 5;
-      const Word16* x = sig + whole - kTaps + 1;
-      const int16_t* c = tables::kUpsampleFir + 4 - frac;
-      int32_t acc = 0;
-      for (int i = 0; i < 2 * kTaps; i++) acc += static_cast<int32_t>(x[i]) * c[5 * i];
-      sig16k[j] = round(L_shl(acc * 2, 1));
-      pos += 4;
-    }
-    std::memcpy(upMem_, buf + kSub, sizeof upMem_);
-    return;
-  }
   int pos = 0;
   for (int j = 0; j < kSub16; j++) {
     const int whole = pos / 5;
     const int frac = pos - whole * 5;
-    const Word16* x = sig + whole - kTaps + 1;
-    Word32 acc = 0;
-    for (int i = 0, k = 4 - frac; i < 2 * kTaps; i++, k += 5) {
-      acc = L_mac(acc, x[i], tables::kUpsampleFir[k]);
+    if (frac == 0) {
+      sig16k[j] = sig[whole];  // the centre phase is a plain copy
+    } else {
+      const Word16* x = sig + whole - kTaps + 1;
+      const int16_t* c = tables::kUpsampleFir + 4 - frac;
+      int32_t acc = 0x2000;  // exact: |sum| stays below 2^31
+      for (int i = 0; i < 2 * kTaps; i++) acc += static_cast<int32_t>(x[i]) * c[5 * i];
+      sig16k[j] = static_cast<Word16>(satShl(acc, 2) >> 16);
     }
-    sig16k[j] = round(L_shl(acc, 1));
     pos += 4;
   }
   std::memcpy(upMem_, buf + kSub, sizeof upMem_);
@@ -205,14 +220,12 @@ void Decoder::synthesise(const Word16* aq, Word16* exc, Word16 qNew, Word16* out
   std::memcpy(synHi_, hi + kSub, sizeof synHi_);
   std::memcpy(synLo_, lo + kSub, sizeof synLo_);
 
-  const Word16 fac = shr(kDeemphFac, 1);
   Word16 prev = deemphMem_;
   for (int i = 0; i < kSub; i++) {
-    Word32 acc = L_deposit_h(hi[kOrder + i]);
-    acc = L_mac(acc, lo[kOrder + i], 8);
-    acc = L_shl(acc, 3);
-    acc = L_mac(acc, prev, fac);
-    synth[i] = prev = round(L_shl(acc, 1));
+    int32_t acc = wrapAdd(wrapShl(hi[kOrder + i], 16), static_cast<int32_t>(lo[kOrder + i]) * 16);
+    acc = satShl(acc, 3);
+    acc = wrapAdd(acc, static_cast<int32_t>(prev) * kDeemphFac);
+    synth[i] = prev = roundWrap(satShl(acc, 1));
   }
   deemphMem_ = prev;
   highPass50(synth, kSub);
