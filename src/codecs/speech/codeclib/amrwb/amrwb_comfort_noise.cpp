@@ -30,8 +30,7 @@ int Decoder::rxDtxState(int rx) {
       next = kDtxMute;
     }
     c.sinceLastSid = add(c.sinceLastSid, 1);
-    // Late SID_UPDATE frames must not push the state into muting.
-    if (rx != kRxSidUpdate && c.sinceLastSid > kMaxEmpty) next = kDtxMute;
+    if (c.sinceLastSid > kMaxEmpty) next = kDtxMute;
   } else {
     next = kSpeech;
     c.sinceLastSid = 0;
@@ -41,8 +40,7 @@ int Decoder::rxDtxState(int rx) {
   c.elapsedCount = add(c.elapsedCount, 1);
   c.hangoverAdded = 0;
 
-  const bool encDtx =
-      sid || (rx == kRxNoData && (c.globalState != kSpeech || c.vadHist >= kHangConst));
+  const bool encDtx = sid || rx == kRxNoData;
   if (!encDtx) {
     c.hangoverCount = kHangConst;
   } else if (c.elapsedCount > kElapsedThresh) {
@@ -152,11 +150,11 @@ void Decoder::comfortNoiseFrame(Word16* exc, int newState, Word16* isf, BitCurso
   if (newState == kDtxMute) {
     Word16 period = c.sinceLastSid;
     if (period > 32) period = 32;
-    if (period <= 0) period = 8;
-    c.sidPeriodInv = div_s(1 << 10, shl(period, 10));
+    c.sidPeriodInv = div_s(1 << 10, shl(period, 10));  // 0 when no frame has passed
     c.sinceLastSid = 0;
     c.prevLogEn = c.logEn;
     c.logEn = sub(c.logEn, 64);
+    if (c.logEn < 0) c.logEn = 0;
   }
   if (c.sidFrame != 0 && (c.validData != 0 || c.hangoverAdded != 0)) {
     c.sinceLastSid = 0;

@@ -140,7 +140,7 @@ void Decoder::resetComfortNoise() {
   std::memcpy(c.prevIsf, kIsfStart, sizeof c.prevIsf);
   for (int i = 0; i < kHist; i++) {
     std::memcpy(c.isfHist + i * kOrder, kIsfStart, sizeof kIsfStart);
-    c.logEnHist[i] = 3500 >> 3;
+    c.logEnHist[i] = 3500;
   }
   c.hangoverCount = 7;
   c.elapsedCount = 32767;

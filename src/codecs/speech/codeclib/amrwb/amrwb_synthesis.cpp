@@ -43,6 +43,11 @@ inline Word16 roundWrap(int32_t v) {
   return static_cast<Word16>(v >> 16);
 }
 // round(v << 1): saturates when the shift overflows, not in the rounding.
+// Shift left by n (saturating) or, for n <= 0, right by -n taken modulo 16.
+inline int32_t shiftPeer(int32_t v, int n) {
+  if (n > 0) return satShl(v, n);
+  return v >> ((-n) & 15);
+}
 inline Word16 shl1RoundWrap(int32_t v) {
   if (wrapShl(v, 1) >> 1 == v) return static_cast<Word16>(wrapAdd(v, 0x4000) >> 15);
   return static_cast<Word16>(((v >> 31) ^ fx::MAX_32) >> 16);
@@ -129,28 +134,25 @@ void Decoder::highPass50(Word16* sig, int n) {
 }
 
 void Decoder::highPass400(Word16* sig, int n) {
-  static constexpr Word16 b[3] = {915, -1830, 915};
-  static constexpr Word16 a[3] = {16384, 29280, -14160};
   Word16* m = hp400Mem_;
   Word16 y2hi = m[0], y2lo = m[1], y1hi = m[2], y1lo = m[3], x0 = m[4], x1 = m[5];
   for (int i = 0; i < n; i++) {
     const Word16 x2 = x1;
     x1 = x0;
     x0 = sig[i];
-    Word32 acc = 16384;
-    acc = L_mac(acc, y1lo, a[1]);
-    acc = L_mac(acc, y2lo, a[2]);
-    acc = L_shr(acc, 15);
-    acc = L_mac(acc, y1hi, a[1]);
-    acc = L_mac(acc, y2hi, a[2]);
-    acc = L_mac(acc, x0, b[0]);
-    acc = L_mac(acc, x1, b[1]);
-    acc = L_mac(acc, x2, b[2]);
-    acc = L_shl(acc, 1);
+    // b = {915, -1830, 915}, a = {29280, -14160} in Q12
+    const int32_t low = 8192 + y1lo * 29280 + y2lo * -14160;
+    int32_t high = y1hi * 29280;
+    high = wrapAdd(high, y2hi * -14160);
+    high = wrapAdd(high, x2 * 915);
+    high = wrapAdd(high, x1 * -1830);
+    high = wrapAdd(high, x0 * 915);
+    const int32_t acc = wrapAdd(low >> 13, wrapShl(high, 2));
     y2hi = y1hi;
     y2lo = y1lo;
-    L_Extract(acc, y1hi, y1lo);
-    sig[i] = round(acc);
+    sig[i] = static_cast<Word16>(wrapAdd(acc, 0x8000) >> 16);
+    y1hi = static_cast<Word16>(acc >> 16);
+    y1lo = static_cast<Word16>(wrapAdd(acc, -(static_cast<int32_t>(y1hi) << 16)) >> 1);
   }
   m[0] = y2hi; m[1] = y2lo; m[2] = y1hi; m[3] = y1lo; m[4] = x0; m[5] = x1;
 }
@@ -234,7 +236,7 @@ void Decoder::synthesise(const Word16* aq, Word16* exc, Word16 qNew, Word16* out
   // High band: white noise shaped to the excitation energy and the tilt.
   for (int i = 0; i < kSub16; i++) hf[i] = shr(nextRandom(seedHf_), 3);
 
-  scaleSignal(exc, kSub, -3);
+  for (int i = 0; i < kSub; i++) exc[i] = static_cast<Word16>(add(exc[i], 4) >> 3);
   qNew = sub(qNew, 3);
   Word16 expEner, exp;
   const Word16 ener = extract_h(dotProduct12(exc, exc, kSub, expEner));
@@ -247,7 +249,7 @@ void Decoder::synthesise(const Word16* aq, Word16* exc, Word16 qNew, Word16* out
   Word32 lt = L_deposit_h(div_s(tmp, ener));
   exp = sub(exp, expEner);
   isqrtNorm(lt, exp);
-  lt = L_shl(lt, add(exp, 1));
+  lt = shiftPeer(lt, exp + 1);
   tmp = extract_h(lt);
   for (int i = 0; i < kSub16; i++) hf[i] = mult(hf[i], tmp);
 
@@ -271,7 +273,7 @@ void Decoder::synthesise(const Word16* aq, Word16* exc, Word16 qNew, Word16* out
 
   if (mode == 8 && !bfi) {
     const Word16 corr = kHfGain[hfGainIndex];
-    for (int i = 0; i < kSub16; i++) hf[i] = shl(mult(hf[i], corr), 1);
+    for (int i = 0; i < kSub16; i++) hf[i] = static_cast<Word16>(mult(hf[i], corr) * 2);
   } else {
     for (int i = 0; i < kSub16; i++) hf[i] = mult(hf[i], tmp);
   }
