@@ -3,9 +3,12 @@
 #include <cstring>
 
 #include "amrwb_decoder.h"
+#include "amrwb_overflow.h"
 #include "amrwb_tables.h"
 
 namespace quillon::amrwb {
+
+using namespace overflow;
 
 namespace {
 
@@ -440,7 +443,8 @@ void Decoder::disperse(Word16 gainCode, Word16 gainPit, Word16* code, int level)
   for (int i = 0; i < kSub; i++) code[i] = add(spread[i], spread[i + kSub]);
 }
 
-// Scales sigOut to the energy of sigIn.
+// Scales sigOut to the energy of sigIn (rounding and shift counts with the
+// peer decoder's overflow behaviour).
 void Decoder::agc(const Word16* sigIn, Word16* sigOut, int n) {
   Word16 t = shr(sigOut[0], 2);
   Word32 s = L_mult(t, t);
@@ -450,7 +454,7 @@ void Decoder::agc(const Word16* sigIn, Word16* sigOut, int n) {
   }
   if (s == 0) return;
   Word16 exp = sub(norm_l(s), 1);
-  const Word16 gainOut = round(L_shl(s, exp));
+  const Word16 gainOut = roundWrap(L_shl(s, exp));
 
   t = shr(sigIn[0], 2);
   s = L_mult(t, t);
@@ -463,12 +467,12 @@ void Decoder::agc(const Word16* sigIn, Word16* sigOut, int n) {
     g0 = 0;
   } else {
     const Word16 e = norm_l(s);
-    const Word16 gainIn = round(L_shl(s, e));
+    const Word16 gainIn = roundWrap(L_shl(s, e));
     exp = sub(exp, e);
     s = L_deposit_l(div_s(gainOut, gainIn));
-    s = L_shr(L_shl(s, 7), exp);
+    s = shiftRight32(L_shl(s, 7), exp);
     s = isqrt(s);
-    g0 = round(L_shl(s, 9));
+    g0 = roundWrap(L_shl(s, 9));
   }
   for (int i = 0; i < n; i++) sigOut[i] = extract_h(L_shl(L_mult(sigOut[i], g0), 2));
 }
@@ -504,7 +508,7 @@ Word32 Decoder::isqrt(Word32 x) {
   x = L_shl(x, exp);
   exp = sub(31, exp);
   isqrtNorm(x, exp);
-  return L_shl(x, exp);
+  return shiftLeft16(x, exp);
 }
 
 Word32 Decoder::pow2(Word16 exponent, Word16 fraction) {

@@ -3,9 +3,12 @@
 #include <cstring>
 
 #include "amrwb_decoder.h"
+#include "amrwb_overflow.h"
 #include "amrwb_tables.h"
 
 namespace quillon::amrwb {
+
+using namespace overflow;
 
 namespace {
 // Gain of the HF band at 23.85 kbit/s, by its 4-bit index.
@@ -21,38 +24,6 @@ constexpr int32_t kBandPassAbsSum = 158870;
 constexpr int32_t kLowPassAbsSum = 61098;
 }  // namespace
 
-// ---- overflow behaviour of the synthesis chain -------------------------
-// Where a filter overflows (loud or damaged frames) this decoder follows the
-// widespread fixed-point implementation whose output the peer streams come
-// from: sums are exact 32-bit (wrapping) integer sums, saturation happens
-// only at the explicit shifts, and the final rounding wraps. For every
-// frame that does not overflow the results equal the saturating chain.
-namespace {
-inline int32_t wrapAdd(int32_t a, int32_t b) {
-  return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
-}
-inline int32_t wrapShl(int32_t v, int n) { return static_cast<int32_t>(static_cast<uint32_t>(v) << n); }
-// Left shift saturating on overflow.
-inline int32_t satShl(int32_t v, int n) {
-  const int32_t r = wrapShl(v, n);
-  return (r >> n) != v ? ((v >> 31) ^ fx::MAX_32) : r;
-}
-// High half after adding 0x8000, wrapping (except at the maximum).
-inline Word16 roundWrap(int32_t v) {
-  if (v != fx::MAX_32) v = wrapAdd(v, 0x8000);
-  return static_cast<Word16>(v >> 16);
-}
-// round(v << 1): saturates when the shift overflows, not in the rounding.
-// Shift left by n (saturating) or, for n <= 0, right by -n taken modulo 16.
-inline int32_t shiftPeer(int32_t v, int n) {
-  if (n > 0) return satShl(v, n);
-  return v >> ((-n) & 15);
-}
-inline Word16 shl1RoundWrap(int32_t v) {
-  if (wrapShl(v, 1) >> 1 == v) return static_cast<Word16>(wrapAdd(v, 0x4000) >> 15);
-  return static_cast<Word16>(((v >> 31) ^ fx::MAX_32) >> 16);
-}
-}  // namespace
 
 bool Decoder::chainCannotSaturate(const Word16* x, int n, int32_t coefAbsSum) {
   int32_t peak = 0;
@@ -249,7 +220,7 @@ void Decoder::synthesise(const Word16* aq, Word16* exc, Word16 qNew, Word16* out
   Word32 lt = L_deposit_h(div_s(tmp, ener));
   exp = sub(exp, expEner);
   isqrtNorm(lt, exp);
-  lt = shiftPeer(lt, exp + 1);
+  lt = shiftLeft16(lt, exp + 1);
   tmp = extract_h(lt);
   for (int i = 0; i < kSub16; i++) hf[i] = mult(hf[i], tmp);
 
