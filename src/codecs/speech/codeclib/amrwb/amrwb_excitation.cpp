@@ -393,13 +393,14 @@ Word16 Decoder::voiceFactor(const Word16* exc, Word16 qExc, Word16 gainPit, cons
   ener2 = mult(ener2, tmp);
   exp2 = sub(exp2, add(exp, exp));
 
-  const Word16 d = sub(exp1, exp2);
+  // Alignment shifts count modulo 32, as the peer decoder's do.
+  const int d = exp1 - exp2;
   if (d >= 0) {
-    ener1 = shr(ener1, 1);
-    ener2 = shr(ener2, add(d, 1));
+    ener1 = static_cast<Word16>(ener1 >> 1);
+    ener2 = static_cast<Word16>(ener2 >> ((d + 1) & 31));
   } else {
-    ener1 = shr(ener1, sub(1, d));
-    ener2 = shr(ener2, 1);
+    ener1 = static_cast<Word16>(ener1 >> ((1 - d) & 31));
+    ener2 = static_cast<Word16>(ener2 >> 1);
   }
   tmp = sub(ener1, ener2);
   ener1 = add(add(ener1, ener2), 1);
