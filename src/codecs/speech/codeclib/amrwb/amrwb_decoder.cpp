@@ -5,9 +5,12 @@
 
 #include <cstring>
 
+#include "amrwb_overflow.h"
 #include "amrwb_tables.h"
 
 namespace quillon::amrwb {
+
+using namespace overflow;
 
 namespace {
 
@@ -382,10 +385,8 @@ void Decoder::decodeParams(int mode, int rxType, const uint8_t* bitArray, int16_
     }
     if (ltpFilter == 0) {
       for (int i = 0; i < kSub; i++) {
-        Word32 t = L_mult(5898, exc[base + i - 1]);
-        t = L_mac(t, 20972, exc[base + i]);
-        t = L_mac(t, 5898, exc[base + i + 1]);
-        code[i] = round(t);
+        const int32_t t = (exc[base + i - 1] + exc[base + i + 1]) * 5898 + exc[base + i] * 20972;
+        code[i] = roundWrap(wrapShl(t, 1));
       }
       std::memcpy(exc + base, code, sizeof code);
     }
@@ -444,13 +445,13 @@ void Decoder::decodeParams(int mode, int rxType, const uint8_t* bitArray, int16_
     // Tilt compensation and pitch sharpening of the innovation.
     // (the filter memory is zero at the start of every subframe)
     for (int i = kSub - 1; i > 0; i--) {
-      code[i] = round(L_msu(L_deposit_h(code[i]), code[i - 1], codeTilt_));
+      code[i] = roundWrap(L_msu(L_deposit_h(code[i]), code[i - 1], codeTilt_));
     }
     {
       Word16 lag = t0;
       if (t0Frac > 2) lag = add(lag, 1);
       for (int i = lag; i < kSub; i++) {
-        code[i] = round(L_mac(L_deposit_h(code[i]), code[i - lag], kPitSharp));
+        code[i] = roundWrap(L_mac(L_deposit_h(code[i]), code[i - lag], kPitSharp));
       }
     }
 
@@ -471,7 +472,7 @@ void Decoder::decodeParams(int mode, int rxType, const uint8_t* bitArray, int16_
       lt = L_shl(lt, 1);
       qNew = add(qNew, 1);
     }
-    Word16 gainCode = round(lt);
+    Word16 gainCode = roundWrap(lt);
     scaleSignal(exc + base - kExcHist, kExcHist + kSub, sub(qNew, excScalePrev_));
     excScalePrev_ = qNew;
 
@@ -482,15 +483,17 @@ void Decoder::decodeParams(int mode, int rxType, const uint8_t* bitArray, int16_
     }
 
     // Voicing and the pitch-enhanced excitation of the low modes.
-    std::memcpy(exc2, exc + base, kSub * sizeof(Word16));
-    scaleSignal(exc2, kSub, -3);
+    for (int i = 0; i < kSub; i++) {
+      const Word16 x = exc[base + i];
+      exc2[i] = static_cast<Word16>((x + (x != fx::MAX_16 ? 4 : 0)) >> 3);
+    }
     Word16 pitSharp = 0;
     if (lowRate) {
       pitSharp = shl(gainPit, 1);
       if (pitSharp > 16384) {
         for (int i = 0; i < kSub; i++) {
           const Word16 t = mult(exc2[i], pitSharp);
-          excp[i] = round(L_shr(L_mult(t, gainPit), 1));
+          excp[i] = roundWrap(L_shr(L_mult(t, gainPit), 1));
         }
       }
     }
@@ -501,7 +504,7 @@ void Decoder::decodeParams(int mode, int rxType, const uint8_t* bitArray, int16_
     for (int i = 0; i < kSub; i++) {
       Word32 t = L_shl(L_mult(code[i], gainCode), 5);
       t = L_mac(t, exc[base + i], gainPit);
-      exc[base + i] = round(L_shl(t, 1));
+      exc[base + i] = roundWrap(L_shl(t, 1));
     }
     Word16 peak = 1;
     for (int i = 0; i < kSub; i++) {
@@ -535,18 +538,19 @@ void Decoder::decodeParams(int mode, int rxType, const uint8_t* bitArray, int16_
 
     // Pitch enhancer: high-pass the innovation on voiced frames.
     tmp = add(shr(voiceFac, 3), 4096);
-    code2[0] = round(L_msu(L_deposit_h(code[0]), code[1], tmp));
+    // (the two neighbours are summed first, in 16 bits)
+    code2[0] = roundWrap(L_msu(L_deposit_h(code[0]), code[1], tmp));
     for (int i = 1; i < kSub - 1; i++) {
-      Word32 t = L_msu(L_deposit_h(code[i]), code[i + 1], tmp);
-      code2[i] = round(L_msu(t, code[i - 1], tmp));
+      const Word16 sides = static_cast<Word16>(code[i + 1] + code[i - 1]);
+      code2[i] = roundWrap(L_msu(L_deposit_h(code[i]), sides, tmp));
     }
-    code2[kSub - 1] = round(L_msu(L_deposit_h(code[kSub - 1]), code[kSub - 2], tmp));
+    code2[kSub - 1] = roundWrap(L_msu(L_deposit_h(code[kSub - 1]), code[kSub - 2], tmp));
 
-    gainCode = round(L_shl(gainCodeL, qNew));
+    gainCode = roundWrap(L_shl(gainCodeL, qNew));
     for (int i = 0; i < kSub; i++) {
       Word32 t = L_shl(L_mult(code2[i], gainCode), 5);
       t = L_mac(t, exc2[i], gainPit);
-      exc2[i] = round(L_shl(t, 1));
+      exc2[i] = roundWrap(L_shl(t, 1));
     }
     if (lowRate && pitSharp > 16384) {
       for (int i = 0; i < kSub; i++) excp[i] = add(excp[i], exc2[i]);

@@ -36,6 +36,13 @@ bool Decoder::chainCannotSaturate(const Word16* x, int n, int32_t coefAbsSum) {
 
 void Decoder::scaleSignal(Word16* x, int n, Word16 exp) {
   if (exp == 0) return;  // round(x << 16) == x
+  if (exp < 0) {
+    // Rounded right shift; the rounding offset saturates.
+    const int e = (-exp) & 15;
+    if (e == 0) return;
+    for (int i = 0; i < n; i++) x[i] = static_cast<Word16>(add(x[i], static_cast<Word16>(1 << (e - 1))) >> e);
+    return;
+  }
   for (int i = 0; i < n; i++) x[i] = round(L_shl(L_deposit_h(x[i]), exp));
 }
 
