@@ -271,7 +271,9 @@ void Decoder::lagConcealment(Word16& t0, bool unusable) {
 }
 
 // Adaptive codebook vector: past excitation at a 1/4-sample lag,
-// interpolated with a 32-tap filter.
+// interpolated with a 32-tap filter. The sum is exact (the largest
+// |coefficient| sum of a phase, 35692, keeps it below 2^31); the result is
+// rounded and truncated to 16 bits as in the peer decoder.
 void Decoder::predictLongTerm(Word16* exc, Word16 t0, Word16 frac, int len) {
   const Word16* x = exc - t0;
   frac = negate(frac);
@@ -280,24 +282,11 @@ void Decoder::predictLongTerm(Word16* exc, Word16 t0, Word16 frac, int len) {
     x--;
   }
   x -= 15;
-  const int phase = 3 - frac;
-  // Fast path when the filter only reads past excitation (lag beyond the
-  // subframe) and that history is small enough that no partial sum can
-  // saturate (35692 = largest |coefficient| sum of a phase).
-  if (t0 > len + 16 && chainCannotSaturate(x, len + 31, 35692)) {
-    const int16_t* c = tables::kPitchInterp + phase;
-    for (int j = 0; j < len; j++) {
-      int32_t acc = 0;
-      for (int i = 0; i < 32; i++) acc += static_cast<int32_t>(x[j + i]) * c[4 * i];
-      exc[j] = round(L_shl(acc * 2, 1));
-    }
-    return;
-  }
+  const int16_t* c = tables::kPitchInterp + (3 - frac);
   for (int j = 0; j < len; j++) {
-    Word32 acc = 0;
-    for (int i = 0; i < 32; i++) acc = L_mac(acc, x[i], tables::kPitchInterp[phase + 4 * i]);
-    exc[j] = round(L_shl(acc, 1));
-    x++;
+    int32_t acc = 0x2000;
+    for (int i = 0; i < 32; i++) acc += static_cast<int32_t>(x[j + i]) * c[4 * i];
+    exc[j] = static_cast<Word16>(acc >> 14);
   }
 }
 
