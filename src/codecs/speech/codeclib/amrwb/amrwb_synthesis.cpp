@@ -53,13 +53,12 @@ void Decoder::lpcSynthesis(const Word16* a, int m, const Word16* x, Word16* y, i
   Word16 buf[kSub16 + kOrderHf];
   std::memcpy(buf, mem, m * sizeof(Word16));
   Word16* yy = buf + m;
-  const Word16 s = sub(norm_s(a[0]), 2);
-  const Word16 a0 = shr(a[0], 1);
+  // Filter gain a[0] taken as 1.0 (4096); exact sums, one saturating shift.
   for (int i = 0; i < len; i++) {
-    Word32 acc = L_mult(x[i], a0);
-    for (int j = 1; j <= m; j++) acc = L_msu(acc, a[j], yy[i - j]);
-    acc = L_shl(acc, add(3, s));
-    y[i] = yy[i] = round(acc);
+    int32_t acc = -(static_cast<int32_t>(x[i]) << 11);
+    for (int j = 1; j <= m; j++) acc = wrapAdd(acc, static_cast<int32_t>(a[j]) * yy[i - j]);
+    acc = satShl(acc, 4);
+    y[i] = yy[i] = roundWrap(static_cast<int32_t>(0u - static_cast<uint32_t>(acc)));
   }
   std::memcpy(mem, yy + len - m, m * sizeof(Word16));
 }
