@@ -130,11 +130,10 @@ class Decoder : private fx::BasicOps {
   void highPass50(Word16* sig, int n);
   void highPass400(Word16* sig, int n);
   void upsample(const Word16* sig12k8, Word16* sig16k);
-  void fir31(Word16* sig, int n, Word16* mem, const int16_t* coef, int32_t coefAbsSum, int inShift);
+  void fir31(Word16* sig, int n, Word16* mem, const int16_t* coef, int inShift);
   void scaleSignal(Word16* x, int n, Word16 exp);
 
   // Arithmetic helpers
-  static bool chainCannotSaturate(const Word16* x, int n, int32_t coefAbsSum);
   Word32 dotProduct12(const Word16* x, const Word16* y, int n, Word16& exp);
   void isqrtNorm(Word32& frac, Word16& exp);
   Word32 isqrt(Word32 x);

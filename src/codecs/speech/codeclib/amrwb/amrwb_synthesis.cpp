@@ -15,24 +15,7 @@ namespace {
 constexpr Word16 kHfGain[16] = {3624,  4673,  5597,  6479,  7425,  8378,  9324,  10264,
                                 11210, 12206, 13391, 14844, 16770, 19655, 24289, 32728};
 constexpr Word16 kDeemphFac = 22282;
-
-// Largest sum of |coefficients| of one filter phase: while
-// max|x| * sum * 2 fits in 31 bits no partial sum of a saturating
-// multiply-accumulate chain can overflow, so plain integer sums give the
-// same result.
-constexpr int32_t kBandPassAbsSum = 158870;
-constexpr int32_t kLowPassAbsSum = 61098;
 }  // namespace
-
-
-bool Decoder::chainCannotSaturate(const Word16* x, int n, int32_t coefAbsSum) {
-  int32_t peak = 0;
-  for (int i = 0; i < n; i++) {
-    const int32_t a = x[i] < 0 ? -static_cast<int32_t>(x[i]) : x[i];
-    if (a > peak) peak = a;
-  }
-  return static_cast<int64_t>(peak) * coefAbsSum * 2 <= fx::MAX_32;
-}
 
 void Decoder::scaleSignal(Word16* x, int n, Word16 exp) {
   if (exp == 0) return;  // round(x << 16) == x
@@ -160,26 +143,17 @@ void Decoder::upsample(const Word16* sig12k8, Word16* sig16k) {
   std::memcpy(upMem_, buf + kSub, sizeof upMem_);
 }
 
-// 31-tap FIR over n (<= 80) samples, input shifted right by inShift;
-// coefAbsSum is the sum of |coef|.
-void Decoder::fir31(Word16* sig, int n, Word16* mem, const int16_t* coef, int32_t coefAbsSum,
-                    int inShift) {
+// 31-tap FIR over n (<= 80) samples, input shifted right by inShift. The
+// sum is exact (sum |coef| x 2^15 stays below 2^31 for both filters); the
+// rounded result is truncated to 16 bits as in the peer decoder.
+void Decoder::fir31(Word16* sig, int n, Word16* mem, const int16_t* coef, int inShift) {
   Word16 x[kSub16 + 30];
   std::memcpy(x, mem, 30 * sizeof(Word16));
-  for (int i = 0; i < n; i++) x[30 + i] = shr(sig[i], static_cast<Word16>(inShift));
-  if (chainCannotSaturate(x, n + 30, coefAbsSum)) {
-    for (int i = 0; i < n; i++) {
-      int32_t acc = 0;
-      for (int j = 0; j < 31; j++) acc += static_cast<int32_t>(x[i + j]) * coef[j];
-      sig[i] = round(acc * 2);
-    }
-    std::memcpy(mem, x + n, 30 * sizeof(Word16));
-    return;
-  }
+  for (int i = 0; i < n; i++) x[30 + i] = static_cast<Word16>(sig[i] >> inShift);
   for (int i = 0; i < n; i++) {
-    Word32 acc = 0;
-    for (int j = 0; j < 31; j++) acc = L_mac(acc, x[i + j], coef[j]);
-    sig[i] = round(acc);
+    int32_t acc = 0x4000;
+    for (int j = 0; j < 31; j++) acc += static_cast<int32_t>(x[i + j]) * coef[j];
+    sig[i] = static_cast<Word16>(acc >> 15);
   }
   std::memcpy(mem, x + n, 30 * sizeof(Word16));
 }
@@ -265,8 +239,8 @@ void Decoder::synthesise(const Word16* aq, Word16* exc, Word16 qNew, Word16* out
     lpcSynthesis(ap, kOrder, hf, hf, kSub16, hfSynMem_ + (kOrderHf - kOrder));
   }
 
-  fir31(hf, kSub16, hfBandMem_, tables::kBandPass6k7k, kBandPassAbsSum, 2);
-  if (mode == 8) fir31(hf, kSub16, hfLowMem_, tables::kLowPass7k, kLowPassAbsSum, 0);
+  fir31(hf, kSub16, hfBandMem_, tables::kBandPass6k7k, 2);
+  if (mode == 8) fir31(hf, kSub16, hfLowMem_, tables::kLowPass7k, 0);
 
   for (int i = 0; i < kSub16; i++) out16k[i] = add(out16k[i], hf[i]);
 }
