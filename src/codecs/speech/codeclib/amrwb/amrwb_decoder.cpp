@@ -152,7 +152,6 @@ void Decoder::resetComfortNoise() {
   c.dataUpdated = 0;
   c.ditherSeed = 21845;
   c.dither = 0;
-  c.vadHist = 0;
 }
 
 int Decoder::decodeFrame(const uint8_t* frame, size_t bytes, int16_t* out, bool badFrame) {
@@ -239,17 +238,7 @@ void Decoder::decodeParams(int mode, int rxType, const uint8_t* bitArray, int16_
 
   if (newState == kSpeech) {
     const Word16 vad = prm.take(1);
-    if (!bfi) {
-      if (vad == 0) {
-        vadHist_ = add(vadHist_, 1);
-        cn_.vadHist = add(cn_.vadHist, 1);
-      } else {
-        vadHist_ = 0;
-        cn_.vadHist = 0;
-      }
-    } else if (cn_.vadHist > 0) {
-      cn_.vadHist = add(cn_.vadHist, 1);
-    }
+    if (!bfi) vadHist_ = vad == 0 ? add(vadHist_, 1) : static_cast<Word16>(0);
   }
 
   if (newState != kSpeech) {

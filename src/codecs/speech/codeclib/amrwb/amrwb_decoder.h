@@ -1,11 +1,17 @@
-// AMR-WB speech decoder engine (3GPP TS 26.173 fixed-point arithmetic).
+// AMR-WB speech decoder engine: the 3GPP TS 26.173 fixed-point decoder
+// algorithm (ACELP at 6.60 to 23.85 kbit/s, comfort noise, frame-erasure
+// concealment, homing frames). Where filters overflow, and in the
+// comfort-noise hangover details, it behaves as the fixed-point decoder in
+// wide use (opencore-amrwb), so its output matches that decoder sample for
+// sample as well as the 3GPP test sequences.
 //
 // Frames use the RFC 4867 storage layout: one table-of-contents byte
 // (frame type in bits 6..3, quality bit in bit 2) followed by the speech
 // bits in transmission (importance-sorted) order, octet-aligned. Each call
-// decodes one frame into 320 samples of 16 kHz PCM. The engine keeps all of
-// its state inside the object, allocates nothing while decoding and derives
-// from the shared fixed-point toolkit so its overflow flag is its own.
+// decodes one frame into 320 samples of 16 kHz PCM, 14-bit (the two low
+// bits cleared). The engine keeps all of its state inside the object,
+// allocates nothing while decoding and derives from the shared fixed-point
+// toolkit so its overflow flag is its own.
 #ifndef QUILLON_AMRWB_DECODER_H
 #define QUILLON_AMRWB_DECODER_H
 
@@ -86,7 +92,7 @@ class Decoder : private fx::BasicOps {
     Word16 isfHist[kOrder * kHist], logEnHist[kHist];
     Word16 histPos, hangoverCount, elapsedCount;
     Word16 sidFrame, validData, hangoverAdded, globalState, dataUpdated;
-    Word16 ditherSeed, dither, vadHist;
+    Word16 ditherSeed, dither;
   };
 
   void resetSpeech(bool all);
