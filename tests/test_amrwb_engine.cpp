@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "codecs/speech/codeclib/amrwb/amrwb_decoder.h"
+#include "codecs/speech/codeclib/amrwb/amrwb_overflow.h"
+#include "codecs/speech/codeclib/amrwb/amrwb_tables.h"
 #include "test_support.h"
 
 namespace fs = std::filesystem;
@@ -272,4 +274,70 @@ TEST(AmrwbEngine, DamagedSidsMuteTheComfortNoise) {
   for (size_t f = 720; f < 740; f++) late += energy(pcm, f);
   EXPECT_GT(early, 0.0);
   EXPECT_LT(late, early / 4);
+}
+
+namespace {
+
+// Packs the homing pattern of `mode` (15 parameter bits per table word)
+// into a storage-layout frame, using the transmission order of the mode.
+std::vector<uint8_t> homingFrame(int mode) {
+  using namespace quillon::amrwb::tables;
+  const int16_t* patterns[9] = {kHomingMode0, kHomingMode1, kHomingMode2, kHomingMode3, kHomingMode4,
+                                kHomingMode5, kHomingMode6, kHomingMode7, kHomingMode8};
+  const int16_t* orders[9] = {kSortOrder660,  kSortOrder885,  kSortOrder1265, kSortOrder1425, kSortOrder1585,
+                              kSortOrder1825, kSortOrder1985, kSortOrder2305, kSortOrder2385};
+  const int bits[9] = {132, 177, 253, 285, 317, 365, 397, 461, 477};
+  std::vector<uint8_t> f(static_cast<size_t>(frameBytesForType(mode)), 0);
+  f[0] = static_cast<uint8_t>((mode << 3) | 0x04);
+  for (int i = 0; i < bits[mode]; i++) {
+    const int b = orders[mode][i];  // parameter bit carried at position i
+    const int word = b / 15;
+    const int bit = (patterns[mode][word] >> (14 - b % 15)) & 1;
+    if (bit) f[1 + i / 8] = static_cast<uint8_t>(f[1 + i / 8] | (0x80 >> (i % 8)));
+  }
+  return f;
+}
+
+}  // namespace
+
+// Decoder homing: a homing frame after a reset outputs the homing pattern
+// (0x0008 in every sample); a homing frame inside a stream resets the
+// decoder, so the stream that follows decodes as from a fresh decoder.
+TEST(AmrwbEngine, HomingFrames) {
+  QUILLON_REQUIRE_VECTORS(dir, "amrwb");
+  for (int mode : {0, 2, 8}) {
+    const auto frames = splitFrames(readFile(dir / ("orig16k-mode" + std::to_string(mode) + ".amrwb")));
+    const std::vector<int16_t> clean = readPcm16(dir / ("orig16k-mode" + std::to_string(mode) + ".pcm"));
+    const std::vector<uint8_t> home = homingFrame(mode);
+    Decoder dec;
+    int16_t out[kFrameSamples];
+    ASSERT_EQ(dec.decodeFrame(home.data(), home.size(), out), static_cast<int>(home.size()));
+    for (int16_t v : out) ASSERT_EQ(v, 8) << mode;
+    for (size_t i = 0; i < 50; i++) dec.decodeFrame(frames[i].data(), frames[i].size(), out);
+    dec.decodeFrame(home.data(), home.size(), out);  // decoded, then reset
+    std::vector<int16_t> pcm;
+    for (size_t i = 0; i < 30; i++) {
+      dec.decodeFrame(frames[i].data(), frames[i].size(), out);
+      pcm.insert(pcm.end(), out, out + kFrameSamples);
+    }
+    EXPECT_EQ(pcm, std::vector<int16_t>(clean.begin(), clean.begin() + 30 * kFrameSamples)) << mode;
+  }
+}
+
+// The overflow conventions the filters follow, at their edges.
+TEST(AmrwbEngine, OverflowHelpers) {
+  using namespace quillon::amrwb::overflow;
+  EXPECT_EQ(satShl(0x20000000, 1), 0x40000000);
+  EXPECT_EQ(satShl(0x40000000, 1), 0x7fffffff);
+  EXPECT_EQ(satShl(-0x40000001, 1), static_cast<int32_t>(0x80000000u));
+  EXPECT_EQ(roundWrap(0x7fff7fff), 32767);
+  EXPECT_EQ(roundWrap(0x7fff8000), -32768);  // wraps
+  EXPECT_EQ(roundWrap(0x7fffffff), 32767);   // the maximum is kept
+  EXPECT_EQ(shl1RoundWrap(0x3fffc000), -32768);
+  EXPECT_EQ(shl1RoundWrap(0x40000000), 32767);
+  EXPECT_EQ(shl1RoundWrap(-0x40000001), -32768);
+  EXPECT_EQ(shiftLeft16(0x10000, -4), 0x1000);
+  EXPECT_EQ(shiftLeft16(0x10000, -20), 0x1000);  // count modulo 16
+  EXPECT_EQ(shiftRight32(0x10000, 36), 0x1000);  // count modulo 32
+  EXPECT_EQ(shiftRight32(0x10000, -16), 0x7fffffff);
 }
