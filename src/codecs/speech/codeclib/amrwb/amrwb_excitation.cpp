@@ -444,7 +444,9 @@ void Decoder::agc(const Word16* sigIn, Word16* sigOut, int n) {
   }
   if (s == 0) return;
   Word16 exp = sub(norm_l(s), 1);
-  const Word16 gainOut = roundWrap(L_shl(s, exp));
+  // A full-scale energy gives exp = -1; the shift count is then taken
+  // modulo 32 (a left shift by 31), as the peer decoder does on x86.
+  const Word16 gainOut = roundWrap(wrapShl(s, exp & 31));
 
   t = shr(sigIn[0], 2);
   s = L_mult(t, t);
@@ -457,7 +459,7 @@ void Decoder::agc(const Word16* sigIn, Word16* sigOut, int n) {
     g0 = 0;
   } else {
     const Word16 e = norm_l(s);
-    const Word16 gainIn = roundWrap(L_shl(s, e));
+    const Word16 gainIn = roundWrap(wrapShl(s, e));
     exp = sub(exp, e);
     s = L_deposit_l(div_s(gainOut, gainIn));
     s = shiftRight32(L_shl(s, 7), exp);
