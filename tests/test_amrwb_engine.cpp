@@ -87,7 +87,6 @@ const std::vector<std::string> kPeerStreams = {
     "random",  // random parameters: overflowing filters in every mode
 };
 
-
 }  // namespace
 
 TEST(AmrwbEngine, FrameSizeTable) {
