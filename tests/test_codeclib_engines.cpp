@@ -149,3 +149,73 @@ TEST(CodecLibEngines, G729AEncodesLikeTheReference) {
   }
   EXPECT_GT(streams, 0);
 }
+
+// AMR-WB behind descriptor 4: code 65's length-prefixed frames through the
+// factory's adapter, fed in uneven chunks that carry the unconsumed tail.
+TEST(CodecLibEngines, AmrWbDecodesTheSharedStreamsThroughCode65) {
+  QUILLON_REQUIRE_VECTORS(dir, "amrwb");
+  int streams = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    if (entry.path().extension() != ".amrwb") continue;
+    const std::vector<uint8_t> stream = quillon::test::readFile(entry.path());
+    const std::vector<int16_t> expected = quillon::test::readPcm16(std::filesystem::path(entry.path()).replace_extension(".pcm"));
+    std::unique_ptr<TAV::Codec> codec(TAV::Codec::getCodec(TAV::AudioFormat(TAV::CT_AMRWB, 1), false));
+    ASSERT_NE(codec, nullptr);
+    // Whole prefixed frames per call (the adapter consumes the prefix of a
+    // frame it cannot finish), a varying number of them.
+    std::vector<int16_t> out;
+    std::vector<int16_t> room(320 * 8);
+    size_t chunk = 1;
+    for (size_t i = 0; i + 2 <= stream.size();) {
+      size_t end = i;
+      for (size_t frames = (chunk = nextChunk(chunk)) % 8 + 1; frames > 0 && end + 2 <= stream.size(); frames--)
+        end += 2 + (stream[end] | (stream[end + 1] << 8));
+      uint32_t inBytes = static_cast<uint32_t>(end - i);
+      const uint32_t written = codec->decode(stream.data() + i, inBytes, room.data(), static_cast<uint32_t>(room.size() * 2));
+      ASSERT_EQ(inBytes, 0u);
+      out.insert(out.end(), room.begin(), room.begin() + written / 2);
+      i = end;
+    }
+    EXPECT_EQ(quillon::test::firstMismatch(out, expected), -1) << entry.path();
+    streams++;
+  }
+  EXPECT_GT(streams, 0);
+}
+
+TEST(CodecLibEngines, AmrWbQueryAndReservedFrameTypes) {
+  CodecLibOptions options{};
+  options.dtx = 5;
+  ASSERT_EQ(codecLibQuery(nullptr, kCodecAmrWb, 1, nullptr, &options, 0), 0);
+  EXPECT_EQ(options.mode, 1);
+  EXPECT_EQ(options.badFrame, 0);
+  EXPECT_EQ(options.dtx, 0);
+  CodecLibInfo info{};
+  ASSERT_EQ(codecLibQuery(nullptr, kCodecAmrWb, 1, &info, &options, 0), 0);
+  EXPECT_EQ(info.inBytesPerFrame, 61);
+  EXPECT_EQ(info.leftOverSize, 61);
+  EXPECT_EQ(info.outBytesPerFrameMax, 640);
+  EXPECT_EQ(info.outSampleRate, 16000);
+  ASSERT_EQ(codecLibQuery(nullptr, kCodecAmrWb, 0, &info, &options, 0), 0);
+  EXPECT_EQ(info.outBytesPerFrameTyp, 24);  // mode 1
+  EXPECT_EQ(info.outBytesPerSecond, 1200);
+
+  // A NO_DATA frame (type 15) counts one byte. A reserved type (11) counts
+  // none in the frame-size table: the front keeps its byte and decodes
+  // nothing more from that handle, as the table has always made it do.
+  std::unique_ptr<TAV::Codec> codec(TAV::Codec::getCodec(TAV::AudioFormat(TAV::CT_AMRWB, 1), false));
+  ASSERT_NE(codec, nullptr);
+  const uint8_t frames[] = {1, 0, 15 << 3 | 4, 1, 0, 11 << 3, 1, 0, 15 << 3 | 4};
+  std::vector<int16_t> room(320 * 4);
+  uint32_t inBytes = sizeof frames;
+  const uint32_t written = codec->decode(frames, inBytes, room.data(), static_cast<uint32_t>(room.size() * 2));
+  EXPECT_EQ(written, 640u);
+  EXPECT_EQ(inBytes, 1u);  // the frame after the reserved one, less its prefix
+
+  // A damaged prefix that spans many frames stays within the room given.
+  std::vector<uint8_t> spanning = {static_cast<uint8_t>(60), 0};
+  for (int k = 0; k < 60; k++) spanning.push_back(15 << 3 | 4);
+  std::vector<int16_t> guarded(320 * 3 + 16, 0x5a5a);
+  inBytes = static_cast<uint32_t>(spanning.size());
+  EXPECT_LE(codec->decode(spanning.data(), inBytes, guarded.data(), 320 * 3 * 2), 320u * 3u * 2u);
+  for (size_t k = 320 * 3; k < guarded.size(); k++) ASSERT_EQ(guarded[k], 0x5a5a) << k;
+}

@@ -191,7 +191,8 @@ TEST(DecodePipeline, PacketVectorsDecodeExactlyInAnyChunking) {
   QUILLON_REQUIRE_VECTORS(vectors, "");
   struct Family { const char* dir; const char* ext; CompressionType code; };
   int checked = 0;
-  for (const Family& f : {Family{"silk", ".silk", CT_SILK_40MS}, Family{"opus", ".opus", CT_OPUS}}) {
+  for (const Family& f : {Family{"silk", ".silk", CT_SILK_40MS}, Family{"opus", ".opus", CT_OPUS},
+                          Family{"amrwb", ".amrwb", CT_AMRWB}}) {
     const fs::path d = vectors / f.dir;
     if (!fs::is_directory(d)) continue;
     std::mt19937 rng(5);
@@ -215,7 +216,7 @@ TEST(DecodePipeline, PacketVectorsDecodeExactlyInAnyChunking) {
       checked++;
     }
   }
-  if (checked == 0) GTEST_SKIP() << "no SILK or Opus vectors found";
+  if (checked == 0) GTEST_SKIP() << "no SILK, Opus or AMR-WB vectors found";
 }
 
 // Every shared stream the tool can decode bit-exactly, through the
@@ -228,6 +229,7 @@ TEST_F(ToolTest, DecodesSharedVectorsOfEveryFamily) {
       {"g722", "-m1.g722", "g722", true},     {"tetra", ".tet", "tetra", true},
       {"g726", ".g726-32-msb", "g726-32", true}, {"g726", ".g726-16-lsb", "g726-16-lsb", true},
       {"silk", ".silk", "silk-60", false},    {"opus", ".opus", "opus", false},
+      {"amrwb", ".amrwb", "amrwb", false},
   };
   int checked = 0;
   for (const Family& f : families) {

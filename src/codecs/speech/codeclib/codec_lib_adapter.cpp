@@ -97,6 +97,12 @@ uint32 CodecLibAdapter::decodeLengthPrefixed(const uint8* in, uint32& inBytes, i
     if (inBytes < length) break;
     int32 frameBytes = static_cast<int32>(length);
     int16* frameOut = reinterpret_cast<int16*>(reinterpret_cast<uint8*>(out) + written);
+    // A length prefix from a damaged recording can span several frames; the
+    // engine is never offered more samples than the bytes left can hold, so
+    // the output stays inside the caller's room. For well-formed streams the
+    // sample count carried from the previous frame is already the smaller.
+    const int32 room = static_cast<int32>((outCapacity - written) / 2);
+    if (outSamples > room) outSamples = room;
     if (codecLibDecode(&m_handle, in, &frameBytes, frameOut, &outSamples, &m_options, 0) != kOk) break;
     inBytes -= length;
     in += length;

@@ -106,6 +106,7 @@ void CodecMngInit(int16 trace) {
   s_initMarker = kInitMarker;
   CL_TRACE(" codecLib Version %d.%d.%d \n", kVersionMajor, kVersionMinor, kVersionPatch);
   CL_TRACE("In CodecMngInit\n");
+  fillAmrWbDescriptor(s_descriptors[kCodecAmrWb]);
   fillG722Descriptor(s_descriptors[kCodecG722]);
   fillG729ADescriptor(s_descriptors[kCodecG729A]);
 }

@@ -150,6 +150,7 @@ int32 codecLibDecodeCompanded(HandleRes** handle, const uint8* in, int32* inByte
 void codecLibPrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Descriptor fillers of the engines (one file each).
+void fillAmrWbDescriptor(CodecDescriptor& d);
 void fillG722Descriptor(CodecDescriptor& d);
 void fillG729ADescriptor(CodecDescriptor& d);
 
