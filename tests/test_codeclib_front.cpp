@@ -2,6 +2,8 @@
 // options/info records and trace lines, driven through a scripted engine.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <cstdio>
 #include <cstring>
 #include <numeric>
@@ -580,11 +582,15 @@ TEST(CodecLibFront, TraceOfDecoding) {
 
 // A trace line that cannot be printed ends the process with status 1.
 TEST(CodecLibFrontDeathTest, FailedTracePrintExits) {
+  // A stream opened for reading only: every write to it fails.
+  const std::filesystem::path path = std::filesystem::temp_directory_path() / "quillon-trace-readonly";
+  std::fclose(std::fopen(path.string().c_str(), "w"));
   EXPECT_EXIT(
       {
-        FILE* readOnly = std::fopen("/dev/null", "r");
+        FILE* readOnly = std::fopen(path.string().c_str(), "r");
         quillon_set_trace_sink(readOnly);
         CodecMngInit(4);
       },
       ::testing::ExitedWithCode(1), "");
+  std::filesystem::remove(path);
 }

@@ -26,6 +26,8 @@ int tracePrintf(const char* format, ...) {
   va_start(args, format);
   int n = std::vfprintf(sink, format, args);
   va_end(args);
+  // Some C runtimes only report a failed write when the buffer is flushed.
+  if (n >= 0 && (std::fflush(sink) != 0 || std::ferror(sink))) n = -1;
   return n;
 }
 

@@ -6,8 +6,9 @@
 
 namespace quillon {
 
-// printf-style output to the trace sink. Returns what vfprintf returned,
-// or 0 when the sink is discarding.
+// printf-style output to the trace sink, flushed at once. Returns what
+// vfprintf returned (negative when the line could not be written), or 0
+// when the sink is discarding.
 int tracePrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace quillon
