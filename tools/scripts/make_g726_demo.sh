@@ -1,6 +1,6 @@
 #!/bin/sh
 # Makes G.726 demo streams from any audio file ffmpeg can read.
-# tools/data/g726/*.raw, built into `quillon demo`, were made with it from
+# tools/data/streams/g726-*.raw, built into `quillon demo`, were made with it from
 # the demo clip at 8 kHz (source-8k.wav written by `quillon demo`), with
 # libspandsp-dev installed, renamed to the tool's codec names.
 #
