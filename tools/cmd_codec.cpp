@@ -127,6 +127,7 @@ int runEncodeCommand(int argc, char** argv) {
 
   std::vector<uint8_t> chunk(kReadChunk);
   std::vector<uint8_t> coded;
+  std::vector<int16_t> pcm;
   size_t carry = 0;  // an odd byte left from the previous read
   int status = 0;
   for (;;) {
@@ -134,7 +135,7 @@ int runEncodeCommand(int argc, char** argv) {
     if (n == 0) break;
     const size_t total = carry + n;
     const size_t samples = total / 2;
-    std::vector<int16_t> pcm(samples);
+    pcm.resize(samples);
     for (size_t i = 0; i < samples; i++) pcm[i] = static_cast<int16_t>(chunk[2 * i] | (chunk[2 * i + 1] << 8));
     carry = total & 1;
     if (carry) chunk[0] = chunk[total - 1];
