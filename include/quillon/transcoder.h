@@ -46,6 +46,7 @@ class QUILLON_API TransCoder {
 
  private:
   bool openSide(const AudioFormat& format, bool encoderSide);
+  void growPcmBuffer(uint32 n);
 
   DecoderBuffer m_pcm;
   DecoderBuffer m_resampled;

@@ -54,6 +54,11 @@ bool TransCoder::openSide(const AudioFormat& format, bool encoderSide) {
   return codec != nullptr;
 }
 
+// The decoder is offered n bytes, but the codecLib codecs take that count
+// as samples (their decode may emit a frame completed by bytes held from an
+// earlier call), so the storage is twice n.
+void TransCoder::growPcmBuffer(uint32 n) { m_pcm.setBufferSize(2 * n, false); }
+
 bool TransCoder::openIn(const AudioFormat& format) { return openSide(format, false); }
 bool TransCoder::openOut(const AudioFormat& format) { return openSide(format, true); }
 
@@ -83,7 +88,7 @@ bool TransCoder::reopenOut() { return m_outCodec ? m_outCodec->init() : true; }
 uint32 TransCoder::transcode(const uint8* in, uint32& inBytes, uint8* out, uint32 outCapacity) {
   if (m_inCodec && m_outCodec) {
     const uint32 n = m_inFormat.bytesToSamples(inBytes) * 2;
-    m_pcm.setBufferSize(n, false);
+    growPcmBuffer(n);
     if (n && !m_pcm.getBuffer()) return 0;
     int16* pcm = reinterpret_cast<int16*>(m_pcm.getBuffer());
     uint32 count = m_inCodec->decode(in, inBytes, pcm, n);
@@ -114,7 +119,7 @@ uint32 TransCoder::transcode(const uint8* in, uint32& inBytes, uint8* out, uint3
   if (m_inCodec) {
     if (!m_resampler) return m_inCodec->decode(in, inBytes, reinterpret_cast<int16*>(out), outCapacity);
     const uint32 n = m_inFormat.bytesToSamples(inBytes) * 2;
-    m_pcm.setBufferSize(n, false);
+    growPcmBuffer(n);
     if (n && !m_pcm.getBuffer()) return 0;
     int16* pcm = reinterpret_cast<int16*>(m_pcm.getBuffer());
     const uint32 d = m_inCodec->decode(in, inBytes, pcm, n);
