@@ -42,6 +42,8 @@ void Decoder::reset() {
   m_tiltMem = 0;
   m_pastGain = 4096;
   m_y1Hi = m_y1Lo = m_y2Hi = m_y2Lo = m_x0 = m_x1 = 0;
+  m_mainPost.reset();
+  m_voicing = 60;
 }
 
 void Decoder::unpack(const uint8_t in[kFrameBytes], Word16 prm[kParamCount]) {
@@ -219,7 +221,16 @@ void Decoder::decodeFrame(const Word16* prm, bool erased, int16_t* out) {
     // exc = round(2 (2 exc gp + 2 code gc)) with the saturations of the
     // operator sequence (the pitch gain is never negative, so the first
     // product cannot saturate and the sum saturates once).
-    const int64_t gp = m_gainPitch, gc = m_gainCode;
+    int64_t gp = m_gainPitch, gc = m_gainCode;
+    if (erased && m_variant == Variant::Main) {
+      // The main body conceals with one codebook only: the adaptive one
+      // after a voiced frame, the fixed one after an unvoiced frame.
+      if (m_voicing == 0) {
+        gp = 0;
+      } else {
+        gc = 0;
+      }
+    }
     for (int i = 0; i < kSubframe; i++) {
       const int64_t sum = std::clamp<int64_t>(2 * (exc[off + i] * gp + code[i] * gc), fx::MIN_32, fx::MAX_32);
       const int64_t t = std::clamp<int64_t>(sum * 2, fx::MIN_32, fx::MAX_32);
@@ -240,7 +251,17 @@ void Decoder::decodeFrame(const Word16* prm, bool erased, int16_t* out) {
   std::memmove(m_excBuf, m_excBuf + kFrame, kExcHist * sizeof(Word16));
 
   Word16 pst[kFrame];
-  postFilter(syn, az, lags, pst);
+  if (m_variant == Variant::Main) {
+    // Both subframes are post-filtered around the first subframe's lag.
+    m_voicing = 0;
+    for (int sf = 0; sf < 2; sf++) {
+      const Word16 v = m_mainPost.filter(lags[0], syn + sf * kSubframe, az + sf * kOrder1, pst + sf * kSubframe);
+      if (v != 0) m_voicing = v;
+    }
+    std::memcpy(syn - kOrder, syn + kFrame - kOrder, kOrder * sizeof(Word16));
+  } else {
+    postFilter(syn, az, lags, pst);
+  }
   highPass(out, pst);
 }
 

@@ -1,6 +1,8 @@
-// G.729 Annex A speech decoder: 10-byte packed frames to 80 samples of
-// 16-bit PCM at 8 kHz, bit-exact with the ITU-T fixed-point reference
-// (decoder, post-filter and output high-pass filter).
+// G.729 speech decoder: 10-byte packed frames to 80 samples of 16-bit PCM
+// at 8 kHz, bit-exact with the ITU-T fixed-point references (decoder,
+// post-filter and output high-pass filter). Annex A and the full-complexity
+// main body decode the same bitstream with the same stages and differ only
+// in the post-filter and in the excitation of erased frames.
 //
 // The whole state lives in the object (no allocation, no globals), so any
 // number of decoders may run side by side.
@@ -10,6 +12,7 @@
 #include <cstdint>
 
 #include "codecs/speech/g729a/dsp.h"
+#include "codecs/speech/g729a/postfilter_main.h"
 
 namespace quillon::g729a {
 
@@ -18,7 +21,11 @@ class Decoder : private Dsp {
   static constexpr int kFrameSamples = kFrame;
   static constexpr int kFrameBytes = kPacketBytes;
 
-  Decoder() { reset(); }
+  enum class Variant { AnnexA, Main };
+
+  explicit Decoder(Variant variant = Variant::AnnexA) : m_variant(variant) { reset(); }
+
+  Variant variant() const { return m_variant; }
 
   // Back to the initial state of a freshly started decoder.
   void reset();
@@ -47,6 +54,12 @@ class Decoder : private Dsp {
   void highPass(int16_t* out, const Word16* in);
   Word16 random();
 
+  const Variant m_variant;
+  // Main body: the post-filter, and the voicing of the last frame (the
+  // harmonic delay it found, 0 when unvoiced) that selects the excitation
+  // of an erased frame.
+  MainPostFilter m_mainPost;
+  Word16 m_voicing;
   // Excitation: the kPitchMax + kInterpLen past samples, then the frame.
   Word16 m_excBuf[kPitchMax + kInterpLen + kFrame];
   Word16 m_synMem[kOrder];

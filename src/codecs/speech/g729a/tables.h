@@ -42,6 +42,10 @@ extern const int16_t kPow2Table[33];
 extern const int16_t kLog2Table[33];
 extern const int16_t kInvSqrtTable[49];
 extern const int16_t kTamingZone[153];
+// Main-body post-filter: 1/8-sample interpolation filters, phases 1..7
+// (4 and 16 taps).
+extern const int16_t kPostInterpShort[7 * 4];
+extern const int16_t kPostInterpLong[7 * 16];
 
 // Widths in bits of the 11 frame parameters, in transmission order.
 inline constexpr int kParamBits[11] = {8, 10, 8, 1, 13, 4, 7, 5, 13, 4, 7};

@@ -1,0 +1,91 @@
+// The rest of the G.729 family: the full-complexity main-body engines and
+// Annex B, conformance on the ITU vectors through the engines.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "codecs/speech/g729a/decoder.h"
+#include "test_support.h"
+
+namespace {
+
+using quillon::g729a::Decoder;
+namespace fs = std::filesystem;
+
+// One frame of an ITU serial file: sync word, size word, size bit words.
+struct SerialFrame {
+  uint16_t sync = 0;
+  int bits = 0;               // 80 speech, 16 SID (15 bits and a pad), 0 untransmitted
+  bool zeroWord = false;      // a bit word of 0 marks an erased frame
+  uint8_t packed[10] = {};    // the bits, most significant first
+};
+
+std::vector<SerialFrame> readSerial(const fs::path& p) {
+  const std::vector<uint8_t> b = quillon::test::readFile(p);
+  auto word = [&](size_t i) { return static_cast<uint16_t>(b[2 * i] | b[2 * i + 1] << 8); };
+  std::vector<SerialFrame> frames;
+  size_t i = 0;
+  const size_t words = b.size() / 2;
+  while (i + 2 <= words) {
+    SerialFrame f;
+    f.sync = word(i);
+    f.bits = word(i + 1);
+    if (i + 2 + f.bits > words || f.bits > 80) break;
+    for (int k = 0; k < f.bits; k++) {
+      const uint16_t w = word(i + 2 + k);
+      if (w == 0) f.zeroWord = true;
+      if (w == 0x0081) f.packed[k / 8] |= static_cast<uint8_t>(0x80 >> (k % 8));
+    }
+    frames.push_back(f);
+    i += 2 + f.bits;
+  }
+  return frames;
+}
+
+std::vector<int16_t> decodeMain(const std::vector<uint8_t>& stream) {
+  auto dec = std::make_unique<Decoder>(Decoder::Variant::Main);
+  const size_t frames = stream.size() / Decoder::kFrameBytes;
+  std::vector<int16_t> out(frames * Decoder::kFrameSamples);
+  for (size_t f = 0; f < frames; f++)
+    dec->decode(&stream[f * Decoder::kFrameBytes], &out[f * Decoder::kFrameSamples]);
+  return out;
+}
+
+TEST(G729MainDecoder, ItuVectors) {
+  QUILLON_REQUIRE_VECTORS(dir, "g729-itu");
+  size_t checked = 0;
+  for (const auto& entry : fs::directory_iterator(dir)) {
+    if (entry.path().extension() != ".g729") continue;
+    fs::path ref = entry.path();
+    ref.replace_extension(".pcm");
+    const std::vector<int16_t> got = decodeMain(quillon::test::readFile(entry.path()));
+    EXPECT_EQ(quillon::test::firstMismatch(got, quillon::test::readPcm16(ref)), -1) << entry.path().filename();
+    checked++;
+  }
+  EXPECT_EQ(checked, 7u);
+}
+
+// ERASURE and OVERFLOW exist only as serial files: a frame with a zero bit
+// word is lost and goes through the concealment entry.
+TEST(G729MainDecoder, ItuSerialStreamsWithErasures) {
+  QUILLON_REQUIRE_VECTORS(dir, "g729-itu/orig");
+  for (const char* name : {"ERASURE", "OVERFLOW", "PARITY"}) {
+    const std::vector<SerialFrame> frames = readSerial(dir / (std::string(name) + ".BIT"));
+    const std::vector<int16_t> want = quillon::test::readPcm16(dir / (std::string(name) + ".PST"));
+    ASSERT_FALSE(frames.empty()) << name;
+    auto dec = std::make_unique<Decoder>(Decoder::Variant::Main);
+    std::vector<int16_t> got(frames.size() * Decoder::kFrameSamples);
+    for (size_t f = 0; f < frames.size(); f++) {
+      if (frames[f].zeroWord) {
+        dec->decodeErased(&got[f * Decoder::kFrameSamples]);
+      } else {
+        dec->decode(frames[f].packed, &got[f * Decoder::kFrameSamples]);
+      }
+    }
+    EXPECT_EQ(quillon::test::firstMismatch(got, want), -1) << name;
+  }
+}
+
+}  // namespace
