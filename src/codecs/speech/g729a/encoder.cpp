@@ -65,6 +65,12 @@ void Encoder::reset() {
   for (auto& e : m_excErr) e = 0x4000;
   std::memset(m_oldA, 0, sizeof m_oldA);
   m_oldA[0] = 4096;
+  m_oldRc[0] = m_oldRc[1] = 0;
+  std::memset(m_memSyn, 0, sizeof m_memSyn);
+  std::memset(m_errBuf, 0, sizeof m_errBuf);
+  m_smooth = 1;
+  m_larOld[0] = m_larOld[1] = 0;
+  m_searchExtra = 30;
   for (auto& e : m_pastEnergy) e = kGainMemInit;
   m_y1Hi = m_y1Lo = m_y2Hi = m_y2Lo = m_x0 = m_x1 = 0;
 }
@@ -84,7 +90,11 @@ void Encoder::encode(const int16_t pcm[kFrameSamples], uint8_t out[kFrameBytes])
   std::memcpy(fresh, pcm, kFrame * sizeof(Word16));
   highPass(fresh);
   Word16 prm[kParamCount];
-  analyse(prm);
+  if (m_variant == Variant::Main) {
+    analyseMain(prm);
+  } else {
+    analyse(prm);
+  }
   pack(prm, out);
 }
 
@@ -149,7 +159,7 @@ void Encoder::autocorrelation(const Word16* x, Word16* rh, Word16* rl) {
   }
 }
 
-void Encoder::levinson(const Word16* rh, const Word16* rl, Word16* a) {
+void Encoder::levinson(const Word16* rh, const Word16* rl, Word16* a, Word16* rc) {
   Word16 ah[kOrder1], al[kOrder1], anh[kOrder1], anl[kOrder1];
   Word16 kh, kl, hi, lo, alpH, alpL;
 
@@ -158,6 +168,7 @@ void Encoder::levinson(const Word16* rh, const Word16* rl, Word16* a) {
   Word32 t0 = Div_32(t2, rh[0], rl[0]);
   if (t1 > 0) t0 = L_negate(t0);
   L_Extract(t0, kh, kl);
+  rc[0] = kh;
   t0 = L_shr(t0, 4);
   L_Extract(t0, ah[1], al[1]);
   t0 = Mpy_32(kh, kl, kh, kl);
@@ -180,8 +191,11 @@ void Encoder::levinson(const Word16* rh, const Word16* rl, Word16* a) {
     if (t0 > 0) t2 = L_negate(t2);
     t2 = L_shl(t2, alpExp);
     L_Extract(t2, kh, kl);
+    if (i <= 2) rc[i - 1] = kh;
     if (abs_s(kh) > 32750) {  // unstable: keep the previous filter
       std::memcpy(a, m_oldA, sizeof m_oldA);
+      rc[0] = m_oldRc[0];
+      rc[1] = m_oldRc[1];
       return;
     }
     for (int j = 1; j < i; j++) {
@@ -208,6 +222,8 @@ void Encoder::levinson(const Word16* rh, const Word16* rl, Word16* a) {
   a[0] = 4096;
   for (int i = 1; i <= kOrder; i++) m_oldA[i] = a[i] = round(L_shl(L_Comp(ah[i], al[i]), 1));
   m_oldA[0] = 4096;
+  m_oldRc[0] = rc[0];
+  m_oldRc[1] = rc[1];
 }
 
 namespace {
@@ -287,16 +303,22 @@ void Encoder::azToLsp(const Word16* a, Word16* lsp, const Word16* oldLsp) {
   int found = 0;
   const Word16* coef = f1;
   bool onF2 = false;
-  Word16 xlow = tab::kChebGrid[0];
+  // Annex A scans 50 grid intervals and bisects twice, the main body 60
+  // intervals and four times.
+  const bool fine = m_variant == Variant::Main;
+  const Word16* grid = fine ? tab::kChebGrid60 : tab::kChebGrid;
+  const int gridPoints = fine ? 60 : 50;
+  const int bisections = fine ? 4 : 2;
+  Word16 xlow = grid[0];
   Word16 ylow = chebyshev(xlow, coef, halve);
   int j = 0;
-  while (found < kOrder && j < 50) {
+  while (found < kOrder && j < gridPoints) {
     j++;
     Word16 xhigh = xlow, yhigh = ylow;
-    xlow = tab::kChebGrid[j];
+    xlow = grid[j];
     ylow = chebyshev(xlow, coef, halve);
     if (L_mult(ylow, yhigh) <= 0) {
-      for (int i = 0; i < 2; i++) {
+      for (int i = 0; i < bisections; i++) {
         const Word16 xmid = add(shr(xlow, 1), shr(xhigh, 1));
         const Word16 ymid = chebyshev(xmid, coef, halve);
         if (L_mult(ylow, ymid) <= 0) {
@@ -1157,7 +1179,8 @@ void Encoder::analyse(Word16* prm) {
   {
     Word16 rh[kOrder1], rl[kOrder1], lspNew[kOrder], lspNewQ[kOrder];
     autocorrelation(m_speech, rh, rl);
-    levinson(rh, rl, ap);
+    Word16 rc[2];
+    levinson(rh, rl, ap, rc);
     azToLsp(ap, lspNew, m_lspOld);
     quantiseLsp(lspNew, lspNewQ, prm);
     interpolateAz(m_lspOldQ, lspNewQ, aq);

@@ -22,6 +22,10 @@ extern const int16_t kLspMaPred[2][4][10];
 extern const int16_t kLspMaSum[2][10];
 extern const int16_t kLspMaSumInv[2][10];
 extern const int16_t kChebGrid[51];
+// The finer root-search grid of the main-body encoder (cos(pi i / 60)).
+extern const int16_t kChebGrid60[61];
+// 1/3-sample interpolation of normalised correlations (closed-loop pitch).
+extern const int16_t kInterp3Corr[13];
 extern const int16_t kInterp3[31];
 extern const int16_t kGainPred[4];
 extern const int16_t kGainBook1[8][2];
