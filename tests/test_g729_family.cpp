@@ -126,3 +126,55 @@ TEST(G729MainEncoder, ItuVectors) {
 }
 
 }  // namespace
+
+namespace {
+
+// Runs an Annex B serial stream through a decoder: speech, SID and
+// untransmitted frames, with the reference's erasure marks (a zero bit
+// word, or a bad sync word on an empty frame).
+std::vector<int16_t> decodeAnnexBSerial(Decoder& dec, const std::vector<SerialFrame>& frames) {
+  std::vector<int16_t> out(frames.size() * Decoder::kFrameSamples);
+  for (size_t f = 0; f < frames.size(); f++) {
+    const SerialFrame& fr = frames[f];
+    int16_t* o = &out[f * Decoder::kFrameSamples];
+    if (fr.bits == 80 && !fr.zeroWord) {
+      dec.decode(fr.packed, o);
+    } else if (fr.bits == 16 && !fr.zeroWord) {
+      dec.decodeSid(fr.packed, o);
+    } else if (fr.bits == 0 && fr.sync == 0x6B21) {
+      dec.decodeUntransmitted(o);
+    } else {
+      dec.decodeErased(o, fr.bits == 16);
+    }
+  }
+  return out;
+}
+
+TEST(G729AnnexBDecoder, ItuVectorsMainBody) {
+  QUILLON_REQUIRE_VECTORS(dir, "g729b/orig");
+  for (int n = 1; n <= 6; n++) {
+    const std::string name = "tstseq" + std::to_string(n);
+    const std::vector<SerialFrame> frames = readSerial(dir / (name + ".bit"));
+    ASSERT_FALSE(frames.empty()) << name;
+    auto dec = std::make_unique<Decoder>(Decoder::Variant::Main, true);
+    const std::vector<int16_t> got = decodeAnnexBSerial(*dec, frames);
+    const long at = quillon::test::firstMismatch(got, quillon::test::readPcm16(dir / (name + ".out")));
+    EXPECT_EQ(at, -1) << name << " frame " << at / 80;
+  }
+}
+
+TEST(G729AnnexBDecoder, ItuVectorsAnnexA) {
+  QUILLON_REQUIRE_VECTORS(dir, "g729b/orig");
+  for (int n = 1; n <= 6; n++) {
+    const std::string in = "tstseq" + std::to_string(n) + (n <= 4 ? "a" : "");
+    const std::string ref = "tstseq" + std::to_string(n) + "a";
+    const std::vector<SerialFrame> frames = readSerial(dir / (in + ".bit"));
+    ASSERT_FALSE(frames.empty()) << in;
+    auto dec = std::make_unique<Decoder>(Decoder::Variant::AnnexA, true);
+    const std::vector<int16_t> got = decodeAnnexBSerial(*dec, frames);
+    const long at = quillon::test::firstMismatch(got, quillon::test::readPcm16(dir / (ref + ".out")));
+    EXPECT_EQ(at, -1) << in << " frame " << at / 80;
+  }
+}
+
+}  // namespace

@@ -24,7 +24,7 @@ void MainPostFilter::reset() {
   m_gain = 16384;
 }
 
-Word16 MainPostFilter::filter(Word16 t0, const Word16* syn, const Word16* a, Word16* out) {
+Word16 MainPostFilter::filter(Word16 t0, const Word16* syn, const Word16* a, bool active, Word16* out) {
   Word16 apDen[kOrder1];
   Word16 apNum[kImpulse];
   weightAz(a, kGammaDen, apDen);
@@ -37,7 +37,12 @@ Word16 MainPostFilter::filter(Word16 t0, const Word16* syn, const Word16* a, Wor
   // sig[0] is the last output of 1/A(z/0.70) of the previous subframe (the
   // tilt filter's memory), sig[1..40] this subframe.
   Word16 sig[kSubframe + 1];
-  const Word16 voiced = harmonicFilter(t0, res, sig + 1);
+  Word16 voiced = 0;
+  if (active) {
+    voiced = harmonicFilter(t0, res, sig + 1);
+  } else {
+    std::memcpy(sig + 1, res, kSubframe * sizeof(Word16));
+  }
   sig[0] = m_stpMem[kOrder - 1];
   const Word16 parcor = shortTermGain(apNum, apDen, sig + 1);
   synthesis(apDen, sig + 1, sig + 1, kSubframe, m_stpMem, true);

@@ -20,7 +20,7 @@ class MainPostFilter : private Dsp {
   // history (syn[-kOrder..-1] readable), a is the subframe's LP filter, t0
   // the integer lag of the frame's first subframe. Returns the chosen
   // harmonic delay, 0 when the subframe was judged unvoiced.
-  Word16 filter(Word16 t0, const Word16* syn, const Word16* a, Word16* out);
+  Word16 filter(Word16 t0, const Word16* syn, const Word16* a, bool active, Word16* out);
 
  private:
   static constexpr int kImpulse = 20;                  // truncated impulse response

@@ -444,4 +444,37 @@ const int16_t kChebGrid60[61] = {
 
 const int16_t kInterp3Corr[13] = {29519, 24906, 13896, 2755, -3459, -3969, -1561, 534, 1023, 516, 0, -194, 0};
 
+const int16_t kSidGain[32] = {2,    5,    8,    13,   20,   32,   50,   64,   80,    101,   127,
+                              160,  201,  253,  318,  401,  505,  635,  800,  1007,  1268,  1596,
+                              2010, 2530, 3185, 4009, 5048, 6355, 8000, 10071, 12679, 15962};
+
+const int16_t kNoiseFgSum[2][10] = {{7798, 8447, 8205, 8293, 8126, 8477, 8447, 8703, 9043, 8604},
+                                    {10514, 12402, 12833, 11914, 11447, 11670, 11132, 11311, 11844, 11447}};
+
+const int16_t kNoiseFgSumInv[2][10] = {{17210, 15888, 16357, 16183, 16516, 15833, 15888, 15421, 14840, 15597},
+                                       {12764, 10821, 10458, 11264, 11724, 11500, 12056, 11865, 11331, 11724}};
+
+const int16_t kSidStage1[32] = {96, 52, 20, 54, 86, 114, 82, 68, 36, 121, 48, 92, 18, 120, 94, 124,
+                                50, 125, 4, 100, 28, 76, 12, 117, 81, 22, 90, 116, 127, 21, 108, 66};
+
+const int16_t kSidStage2[2][16] = {{31, 21, 9, 3, 10, 2, 19, 26, 4, 3, 11, 29, 15, 27, 21, 12},
+                                   {16, 1, 0, 0, 8, 25, 22, 20, 19, 23, 20, 31, 4, 31, 20, 31}};
+
+const NoisePredictors& noisePredictors() {
+  // Immutable once built: the first predictor as it is, the second
+  // 0.6 x first + 0.4 x second, rounded down to 16 bits.
+  static const NoisePredictors table = [] {
+    NoisePredictors t{};
+    for (int k = 0; k < 4; k++) {
+      for (int j = 0; j < 10; j++) {
+        t.fg[0][k][j] = kLspMaPred[0][k][j];
+        const int32_t acc = 2 * (kLspMaPred[0][k][j] * 19660 + kLspMaPred[1][k][j] * 13107);
+        t.fg[1][k][j] = static_cast<int16_t>(acc >> 16);
+      }
+    }
+    return t;
+  }();
+  return table;
+}
+
 }  // namespace quillon::g729a::tab

@@ -51,6 +51,19 @@ extern const int16_t kTamingZone[153];
 extern const int16_t kPostInterpShort[7 * 4];
 extern const int16_t kPostInterpLong[7 * 16];
 
+// Annex B: SID gain levels, SID LSF predictor sums and the codebook
+// entries reachable from the SID indices.
+extern const int16_t kSidGain[32];
+extern const int16_t kNoiseFgSum[2][10];
+extern const int16_t kNoiseFgSumInv[2][10];
+extern const int16_t kSidStage1[32];
+extern const int16_t kSidStage2[2][16];
+// The SID LSF predictors: the first MA predictor, and a blend of both.
+struct NoisePredictors {
+  int16_t fg[2][4][10];
+};
+const NoisePredictors& noisePredictors();
+
 // Widths in bits of the 11 frame parameters, in transmission order.
 inline constexpr int kParamBits[11] = {8, 10, 8, 1, 13, 4, 7, 5, 13, 4, 7};
 
