@@ -178,3 +178,34 @@ TEST(G729AnnexBDecoder, ItuVectorsAnnexA) {
 }
 
 }  // namespace
+
+namespace {
+
+// Encodes an 8 kHz input with an Annex B encoder and compares every frame
+// (its kind and its bits) with the reference serial stream; returns the
+// first differing frame or -1.
+long firstAnnexBFrameMismatch(Encoder& enc, const std::vector<int16_t>& pcm, const std::vector<SerialFrame>& want) {
+  const size_t frames = pcm.size() / Encoder::kFrameSamples;
+  if (frames != want.size()) return static_cast<long>(std::min(frames, want.size()));
+  for (size_t f = 0; f < frames; f++) {
+    uint8_t out[Encoder::kFrameBytes] = {};
+    const int bytes = enc.encode(&pcm[f * Encoder::kFrameSamples], out);
+    const int wantBytes = want[f].bits == 80 ? 10 : want[f].bits == 16 ? 2 : 0;
+    if (bytes != wantBytes || !std::equal(out, out + bytes, want[f].packed)) return static_cast<long>(f);
+  }
+  return -1;
+}
+
+TEST(G729AnnexBEncoder, ItuVectors) {
+  QUILLON_REQUIRE_VECTORS(dir, "g729b/orig");
+  for (int n = 1; n <= 4; n++) {
+    const std::string name = "tstseq" + std::to_string(n);
+    const std::vector<int16_t> pcm = quillon::test::readPcm16(dir / (name + ".bin"));
+    auto mainB = std::make_unique<Encoder>(Encoder::Variant::Main, true);
+    EXPECT_EQ(firstAnnexBFrameMismatch(*mainB, pcm, readSerial(dir / (name + ".bit"))), -1) << name;
+    auto annexAB = std::make_unique<Encoder>(Encoder::Variant::AnnexA, true);
+    EXPECT_EQ(firstAnnexBFrameMismatch(*annexAB, pcm, readSerial(dir / (name + "a.bit"))), -1) << name << "a";
+  }
+}
+
+}  // namespace

@@ -83,6 +83,9 @@ class Dsp : public fx::BasicOps {
   void lspStabilise(Word16* buf);
   // The predictor input that would give lsf with the current memory.
   void lspExtract(const Word16* lsf, Word16* ele, int mode, const Word16 (*mem)[kOrder]);
+  // The same with any predictor and inverse predictor sums.
+  void lspExtract(const Word16* lsf, Word16* ele, const Word16 (*fg)[kOrder], const Word16* sumInv,
+                  const Word16 (*mem)[kOrder]);
   // Builds the quantised LSF from the codebook indices and updates the
   // predictor memory.
   void lspDequantise(int code0, int code1, int code2, int mode, Word16 (*mem)[kOrder], Word16* lsfOut);

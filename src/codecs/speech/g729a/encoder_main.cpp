@@ -397,29 +397,30 @@ done:
   return index;
 }
 
-void Encoder::analyseMain(Word16* prm) {
+int Encoder::analyseMain(Word16* prm) {
   Word16* speech = m_speech + kWindow - kFrame - 40;
   Word16* wsp = m_wspBuf + kPitchMax;
   Word16* exc = m_excBuf + kExcHist;
   Word16* error = m_errBuf + kOrder;
   Word16 a[2 * kOrder1], aq[2 * kOrder1];
   Word16 gamma1[2], gamma2[2];
+  Word16 lspNew[kOrder];
+  bool voice = true;
 
   {
-    Word16 rh[kOrder1], rl[kOrder1], rc[2], lspNew[kOrder], lspNewQ[kOrder];
-    autocorrelation(m_speech, rh, rl);
+    Word16 rh[VoiceActivityDetector::kAcfOrder + 1], rl[VoiceActivityDetector::kAcfOrder + 1];
+    Word16 rawHi[kOrder1], rc[2], expR0;
+    autocorrelation(m_speech, rh, rl, m_annexB ? VoiceActivityDetector::kAcfOrder : kOrder, &expR0, rawHi);
     levinson(rh, rl, a + kOrder1, rc);
     azToLsp(a + kOrder1, lspNew, m_lspOld);
-    quantiseLsp(lspNew, lspNewQ, prm);
+    if (m_annexB) voice = detectVoice(rh, rl, expR0, rawHi, rc[1], lspNew);
     // Unquantised filter of the first subframe: midway LSPs.
     Word16 lspMid[kOrder], lsfInt[kOrder], lsfNew[kOrder];
     for (int i = 0; i < kOrder; i++) lspMid[i] = add(shr(lspNew[i], 1), shr(m_lspOld[i], 1));
     lspToAz(lspMid, a);
     lspToNormalisedLsf(lspMid, lsfInt);
     lspToNormalisedLsf(lspNew, lsfNew);
-    interpolateAz(m_lspOldQ, lspNewQ, aq);
     std::memcpy(m_lspOld, lspNew, sizeof lspNew);
-    std::memcpy(m_lspOldQ, lspNewQ, sizeof lspNewQ);
     weightingFactors(lsfInt, lsfNew, rc, gamma1, gamma2);
   }
 
@@ -430,6 +431,19 @@ void Encoder::analyseMain(Word16* prm) {
     weightAz(a + sf * kOrder1, gamma2[sf], ap2);
     residual(ap1, speech + sf * kSubframe, wsp + sf * kSubframe, kSubframe);
     synthesis(ap2, wsp + sf * kSubframe, wsp + sf * kSubframe, kSubframe, m_memW, true);
+  }
+
+  if (!voice) return silentFrameMain(prm, a, gamma1, gamma2);
+  if (m_annexB) {
+    m_cngSeed = 11111;
+    m_ppastVad = m_pastVad;
+    m_pastVad = true;
+  }
+  {
+    Word16 lspNewQ[kOrder];
+    quantiseLsp(lspNew, lspNewQ, prm);
+    interpolateAz(m_lspOldQ, lspNewQ, aq);
+    std::memcpy(m_lspOldQ, lspNewQ, sizeof lspNewQ);
   }
 
   const Word16 tOp = openLoopPitchFull(wsp);
@@ -528,6 +542,35 @@ void Encoder::analyseMain(Word16* prm) {
   std::memmove(m_speech, m_speech + kFrame, (kWindow - kFrame) * sizeof(Word16));
   std::memmove(m_wspBuf, m_wspBuf + kFrame, kPitchMax * sizeof(Word16));
   std::memmove(m_excBuf, m_excBuf + kFrame, kExcHist * sizeof(Word16));
+  return 1;
+}
+
+int Encoder::silentFrameMain(Word16* sid, const Word16* a, const Word16* gamma1, const Word16* gamma2) {
+  Word16 aq[2 * kOrder1];
+  const int type = codeComfortNoise(sid, aq);
+  m_ppastVad = m_pastVad;
+  m_pastVad = false;
+  // Keep the synthesis, error and weighting memories in step with the
+  // comfort noise.
+  Word16* speech = m_speech + kWindow - kFrame - 40;
+  Word16* exc = m_excBuf + kExcHist;
+  Word16* error = m_errBuf + kOrder;
+  for (int sf = 0; sf < 2; sf++) {
+    const int off = sf * kSubframe;
+    Word16 ap1[kOrder1], ap2[kOrder1], syn[kSubframe], xn[kSubframe];
+    weightAz(a + sf * kOrder1, gamma1[sf], ap1);
+    weightAz(a + sf * kOrder1, gamma2[sf], ap2);
+    synthesis(aq + sf * kOrder1, exc + off, syn, kSubframe, m_memSyn, true);
+    for (int i = 0; i < kSubframe; i++) error[i] = sub(speech[off + i], syn[i]);
+    residual(ap1, error, xn, kSubframe);
+    synthesis(ap2, xn, xn, kSubframe, m_memW0, true);
+    std::memcpy(m_errBuf, error + kSubframe - kOrder, kOrder * sizeof(Word16));
+  }
+  m_sharp = kSharpMin;
+  std::memmove(m_speech, m_speech + kFrame, (kWindow - kFrame) * sizeof(Word16));
+  std::memmove(m_wspBuf, m_wspBuf + kFrame, kPitchMax * sizeof(Word16));
+  std::memmove(m_excBuf, m_excBuf + kFrame, kExcHist * sizeof(Word16));
+  return type;
 }
 
 }  // namespace quillon::g729a

@@ -9,8 +9,8 @@
 namespace quillon::g729a::tab {
 
 extern const int16_t kLpcWindow[240];
-extern const int16_t kLagWindowHi[10];
-extern const int16_t kLagWindowLo[10];
+extern const int16_t kLagWindowHi[12];  // 10 for LP analysis, 12 for the VAD
+extern const int16_t kLagWindowLo[12];
 extern const int16_t kCosTable[65];
 extern const int16_t kCosSlope[64];
 extern const int16_t kCosTable2[64];
@@ -63,6 +63,13 @@ struct NoisePredictors {
   int16_t fg[2][4][10];
 };
 const NoisePredictors& noisePredictors();
+// Annex B voice activity detector: low-band filter autocorrelation, and the
+// scaling of the initial means by the count of quiet start-up frames.
+extern const int16_t kVadLowBand[13];
+extern const int16_t kVadMeanShift[33];
+extern const int16_t kVadMeanFactor[33];
+// Weights of the two SID LSF predictors in the first-stage search.
+extern const int16_t kSidLsfStage1Weight[2];
 
 // Widths in bits of the 11 frame parameters, in transmission order.
 inline constexpr int kParamBits[11] = {8, 10, 8, 1, 13, 4, 7, 5, 13, 4, 7};
