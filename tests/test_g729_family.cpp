@@ -117,7 +117,7 @@ std::vector<int16_t> decodeAnnexBSerial(Decoder& dec, const std::vector<SerialFr
     } else if (fr.bits == 0 && fr.sync == 0x6B21) {
       dec.decodeUntransmitted(o);
     } else {
-      dec.decodeErased(o, fr.bits == 16);
+      dec.decodeErased(o, fr.bits != 0);
     }
   }
   return out;

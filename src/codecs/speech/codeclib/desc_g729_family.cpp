@@ -14,7 +14,9 @@
 // nothing is buffered (an untransmitted frame: codecLibDecode with no input
 // and an empty leftover yields 80 samples of comfort noise), and 10
 // otherwise, so that 1 or 3 to 9 bytes stay in the leftover until the rest
-// of a speech frame arrives. decodeFrame reports the bytes of the frame it
+// of a speech frame arrives. A lost frame goes through the options'
+// bad-frame flag with its bytes, or with none for a lost empty frame.
+// decodeFrame reports the bytes of the frame it
 // decoded (10, 2 or 0) as used and 80 samples; reporting 0 used stops the
 // front's loop after that one comfort-noise frame.
 #include <new>
@@ -163,7 +165,9 @@ int32 decodeFrameFamily(HandleRes* h, const uint8* data, int32 dataBytes, int32*
   if (h->direction != kDirDecoder || !h->engineState) return 1;
   auto* decoder = static_cast<g729a::Decoder*>(h->engineState);
   if (options->badFrame > 0) {
-    decoder->decodeErased(out);
+    // The lost frame's bytes (if the caller passed them) tell an empty
+    // frame from one that carried bits.
+    decoder->decodeErased(out, dataBytes > 0);
     *inputUsed = dataBytes < kSpeechBytes ? (dataBytes > 0 ? dataBytes : 0) : kSpeechBytes;
   } else if (dataBytes >= kSpeechBytes) {
     decoder->decode(data, out);

@@ -86,11 +86,11 @@ void Decoder::decode(const uint8_t in[kFrameBytes], int16_t out[kFrameSamples]) 
   decodeFrame(prm, false, out);
 }
 
-void Decoder::decodeErased(int16_t out[kFrameSamples], bool sidSized) {
+void Decoder::decodeErased(int16_t out[kFrameSamples], bool sized) {
   if (m_annexB && m_pastFrameType != 1) {
     // Lost during silence: more comfort noise.
     const Word16 zeroSid[4] = {};
-    decodeComfortNoise(sidSized && m_variant == Variant::AnnexA ? zeroSid : nullptr, true, out);
+    decodeComfortNoise(sized && m_variant == Variant::AnnexA ? zeroSid : nullptr, true, out);
     return;
   }
   Word16 prm[kParamCount] = {};

@@ -47,10 +47,11 @@ class Decoder : private Dsp {
 
   // Conceals one lost frame (the reference decoder's frame-erasure path).
   // With Annex B a loss after speech is concealed as speech, a loss during
-  // silence continues the comfort noise. sidSized: the lost frame had the
-  // size of a SID frame; the Annex A + B reference then decodes it as a SID
-  // frame whose bits are all zero (the main-body reference does not).
-  void decodeErased(int16_t out[kFrameSamples], bool sidSized = false);
+  // silence continues the comfort noise. sized: the lost frame carried bits
+  // (speech or SID size, not an empty frame); during silence the Annex A + B
+  // reference then decodes it as a SID frame whose bits are all zero (the
+  // main-body reference does not).
+  void decodeErased(int16_t out[kFrameSamples], bool sized = false);
 
   // Annex B: a SID frame (15 bits in 2 bytes) and an untransmitted frame.
   // Without Annex B both are concealed as lost frames.
