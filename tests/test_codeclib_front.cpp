@@ -62,7 +62,7 @@ TEST(CodecLibFront, CodecNumbersAbove45AndEmptyEntriesAreRefused) {
   EXPECT_EQ(codecLibQuery(nullptr, -1, 0, nullptr, &options, 0), kErrQuery);
   EXPECT_EQ(codecLibOpen(&h, 46, 0, 0), kErrOpen);
   EXPECT_EQ(h, nullptr);
-  for (int32 id : {kCodecG729, kCodecG729AB, kCodecG729B, 0, 45}) {
+  for (int32 id : {0, 5, 45}) {
     EXPECT_EQ(codecLibQuery(nullptr, id, 1, nullptr, &options, 0), kErrQuery) << id;
     EXPECT_EQ(codecLibOpen(&h, id, 1, 0), kErrOpen) << id;
     EXPECT_EQ(h, nullptr) << id;

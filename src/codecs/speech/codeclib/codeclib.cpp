@@ -109,6 +109,9 @@ void CodecMngInit(int16 trace) {
   fillAmrWbDescriptor(s_descriptors[kCodecAmrWb]);
   fillG722Descriptor(s_descriptors[kCodecG722]);
   fillG729ADescriptor(s_descriptors[kCodecG729A]);
+  fillG729Descriptor(s_descriptors[kCodecG729]);
+  fillG729ABDescriptor(s_descriptors[kCodecG729AB]);
+  fillG729BDescriptor(s_descriptors[kCodecG729B]);
 }
 
 CodecDescriptor* codecLibDescriptor(int32 codecId) {

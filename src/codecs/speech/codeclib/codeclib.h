@@ -153,6 +153,9 @@ void codecLibPrintf(const char* format, ...) __attribute__((format(printf, 1, 2)
 void fillAmrWbDescriptor(CodecDescriptor& d);
 void fillG722Descriptor(CodecDescriptor& d);
 void fillG729ADescriptor(CodecDescriptor& d);
+void fillG729Descriptor(CodecDescriptor& d);    // 24
+void fillG729ABDescriptor(CodecDescriptor& d);  // 26
+void fillG729BDescriptor(CodecDescriptor& d);   // 27
 
 }  // namespace quillon::codeclib
 

@@ -18,6 +18,10 @@ constexpr Word16 kAgcFactor1 = 32767 - kAgcFactor;
 constexpr Word16 kPitchGamma = 16384;             // 0.5
 constexpr Word16 kPitchInvGamma = 21845;          // 1/(1+0.5)
 constexpr Word16 kPitchGamma2 = 10923;            // 0.5/(1+0.5)
+constexpr Word16 kCngSeed = 11111;
+constexpr Word16 kCngGainKeep = 28672;            // comfort-noise gain smoothing, 0.875
+constexpr Word16 kCngGainNew = 4096;
+constexpr Word16 kLspSidInit[kOrder] = {31441, 27566, 21458, 13612, 4663, -4663, -13612, -21458, -27566, -31441};
 }  // namespace
 
 void Decoder::reset() {
@@ -42,6 +46,15 @@ void Decoder::reset() {
   m_tiltMem = 0;
   m_pastGain = 4096;
   m_y1Hi = m_y1Lo = m_y2Hi = m_y2Lo = m_x0 = m_x1 = 0;
+  m_mainPost.reset();
+  m_voicing = 60;
+  m_pastFrameType = 1;
+  m_cngSeed = kCngSeed;
+  m_sidEnergy = 0;
+  m_sidEnergyExp = 1;
+  m_sidGain = tab::kSidGain[0];
+  m_cngGain = 0;
+  std::memcpy(m_lspSid, kLspSidInit, sizeof m_lspSid);
 }
 
 void Decoder::unpack(const uint8_t in[kFrameBytes], Word16 prm[kParamCount]) {
@@ -73,14 +86,89 @@ void Decoder::decode(const uint8_t in[kFrameBytes], int16_t out[kFrameSamples]) 
   decodeFrame(prm, false, out);
 }
 
-void Decoder::decodeErased(int16_t out[kFrameSamples]) {
+void Decoder::decodeErased(int16_t out[kFrameSamples], bool sized) {
+  if (m_annexB && m_pastFrameType != 1) {
+    // Lost during silence: more comfort noise.
+    const Word16 zeroSid[4] = {};
+    decodeComfortNoise(sized && m_variant == Variant::AnnexA ? zeroSid : nullptr, true, out);
+    return;
+  }
   Word16 prm[kParamCount] = {};
   decodeFrame(prm, true, out);
 }
 
-Word16 Decoder::random() {
-  m_seed = extract_l(L_add(L_shr(L_mult(m_seed, 31821), 1), 13849));
-  return m_seed;
+void Decoder::decodeSid(const uint8_t in[kSidBytes], int16_t out[kFrameSamples]) {
+  if (!m_annexB) {
+    decodeErased(out);
+    return;
+  }
+  const unsigned bits = static_cast<unsigned>(in[0] << 8 | in[1]);
+  const Word16 sid[4] = {static_cast<Word16>((bits >> 15) & 1), static_cast<Word16>((bits >> 10) & 31),
+                         static_cast<Word16>((bits >> 6) & 15), static_cast<Word16>((bits >> 1) & 31)};
+  decodeComfortNoise(sid, false, out);
+}
+
+void Decoder::decodeUntransmitted(int16_t out[kFrameSamples]) {
+  if (!m_annexB) {
+    decodeErased(out);
+    return;
+  }
+  decodeComfortNoise(nullptr, false, out);
+}
+
+void Decoder::saveExcitationEnergy() {
+  // Energy of the frame's excitation, kept for a SID frame lost right
+  // after speech (may saturate: the SID quantiser's top level).
+  const Word16* exc = m_excBuf + kPitchMax + kInterpLen;
+  Word32 t = 0;
+  for (int i = 0; i < kFrame; i++) t = L_mac(t, exc[i], exc[i]);
+  const Word16 n = norm_l(t);
+  m_sidEnergy = round(L_shl(t, n));
+  m_sidEnergyExp = sub(16, n);
+}
+
+void Decoder::decodeComfortNoise(const Word16* sid, bool erased, int16_t* out) {
+  Word16* exc = m_excBuf + kPitchMax + kInterpLen;
+  Word16* syn = m_synHist + kOrder;
+  const bool afterSpeech = m_pastFrameType == 1;
+  if (sid) {
+    m_sidGain = tab::kSidGain[sid[3]];
+    sidLsfDecode(sid, m_lspSid, m_lsfMem);
+  } else if (afterSpeech) {
+    // First silent frame without its SID: estimate the level from the
+    // last speech frame.
+    Word16 enerq;
+    m_sidGain = tab::kSidGain[quantiseSidGain(&m_sidEnergy, &m_sidEnergyExp, 0, enerq)];
+  }
+  if (afterSpeech) {
+    m_cngGain = m_sidGain;
+  } else {
+    m_cngGain = add(mult_r(m_cngGain, kCngGainKeep), mult_r(m_sidGain, kCngGainNew));
+  }
+  Word16 gp[2], lag[2];
+  comfortExcitation(m_cngGain, exc, m_cngSeed, gp, lag);
+
+  Word16 az[2 * kOrder1];
+  interpolateAz(m_lspOld, m_lspSid, az);
+  std::memcpy(m_lspOld, m_lspSid, sizeof m_lspOld);
+  for (int sf = 0; sf < 2; sf++) {
+    const int off = sf * kSubframe;
+    const Word16* a = az + sf * kOrder1;
+    Overflow = false;
+    synthesis(a, exc + off, syn + off, kSubframe, m_synMem, false);
+    if (Overflow) {
+      for (auto& e : m_excBuf) e = shr(e, 2);
+      synthesis(a, exc + off, syn + off, kSubframe, m_synMem, true);
+    } else {
+      std::memcpy(m_synMem, syn + off + kSubframe - kOrder, sizeof m_synMem);
+    }
+  }
+  m_sharp = kSharpMin;
+  if (!erased) saveExcitationEnergy();
+  std::memmove(m_excBuf, m_excBuf + kFrame, kExcHist * sizeof(Word16));
+  m_pastFrameType = sid ? 2 : 0;
+  const Word16 lags[2] = {m_oldT0, m_oldT0};
+  finishFrame(syn, az, lags, false, out);
 }
 
 void Decoder::decodeLsp(const Word16* prm, bool erased, Word16* lspNew) {
@@ -158,6 +246,7 @@ void Decoder::decodeFrame(const Word16* prm, bool erased, int16_t* out) {
   Word16* exc = m_excBuf + kExcHist;
   Word16* syn = m_synHist + kOrder;
 
+  m_cngSeed = kCngSeed;
   decodeLsp(prm, erased, lspNew);
   interpolateAz(m_lspOld, lspNew, az);
   std::memcpy(m_lspOld, lspNew, sizeof lspNew);
@@ -184,8 +273,8 @@ void Decoder::decodeFrame(const Word16* prm, bool erased, int16_t* out) {
 
     Word16 positions = rest[0], signs = rest[1];
     if (erased) {
-      positions = random() & 0x1fff;
-      signs = random() & 0x000f;
+      positions = random(m_seed) & 0x1fff;
+      signs = random(m_seed) & 0x000f;
     }
     // Four pulses of +-1 (Q13) on the interleaved tracks.
     std::memset(code, 0, sizeof code);
@@ -219,7 +308,16 @@ void Decoder::decodeFrame(const Word16* prm, bool erased, int16_t* out) {
     // exc = round(2 (2 exc gp + 2 code gc)) with the saturations of the
     // operator sequence (the pitch gain is never negative, so the first
     // product cannot saturate and the sum saturates once).
-    const int64_t gp = m_gainPitch, gc = m_gainCode;
+    int64_t gp = m_gainPitch, gc = m_gainCode;
+    if (erased && m_variant == Variant::Main) {
+      // The main body conceals with one codebook only: the adaptive one
+      // after a voiced frame, the fixed one after an unvoiced frame.
+      if (m_voicing == 0) {
+        gp = 0;
+      } else {
+        gc = 0;
+      }
+    }
     for (int i = 0; i < kSubframe; i++) {
       const int64_t sum = std::clamp<int64_t>(2 * (exc[off + i] * gp + code[i] * gc), fx::MIN_32, fx::MAX_32);
       const int64_t t = std::clamp<int64_t>(sum * 2, fx::MIN_32, fx::MAX_32);
@@ -237,14 +335,30 @@ void Decoder::decodeFrame(const Word16* prm, bool erased, int16_t* out) {
       std::memcpy(m_synMem, syn + off + kSubframe - kOrder, sizeof m_synMem);
     }
   }
+  if (m_annexB && !erased) saveExcitationEnergy();
   std::memmove(m_excBuf, m_excBuf + kFrame, kExcHist * sizeof(Word16));
+  m_pastFrameType = 1;
+  finishFrame(syn, az, lags, true, out);
+}
 
+void Decoder::finishFrame(Word16* syn, const Word16* az, const Word16* lags, bool active, int16_t* out) {
   Word16 pst[kFrame];
-  postFilter(syn, az, lags, pst);
+  if (m_variant == Variant::Main) {
+    // Both subframes are post-filtered around the first subframe's lag.
+    m_voicing = 0;
+    for (int sf = 0; sf < 2; sf++) {
+      const Word16 v =
+          m_mainPost.filter(lags[0], syn + sf * kSubframe, az + sf * kOrder1, active, pst + sf * kSubframe);
+      if (v != 0) m_voicing = v;
+    }
+    std::memcpy(syn - kOrder, syn + kFrame - kOrder, kOrder * sizeof(Word16));
+  } else {
+    postFilter(syn, az, lags, active, pst);
+  }
   highPass(out, pst);
 }
 
-void Decoder::postFilter(Word16* syn, const Word16* az, const Word16* lags, Word16* out) {
+void Decoder::postFilter(Word16* syn, const Word16* az, const Word16* lags, bool active, Word16* out) {
   Word16* res = m_resBuf + kPitchMax;
   Word16* scaled = m_scaledResBuf + kPitchMax;
   for (int sf = 0; sf < 2; sf++) {
@@ -264,7 +378,11 @@ void Decoder::postFilter(Word16* syn, const Word16* az, const Word16* lags, Word
     for (int j = 0; j < kSubframe; j++) scaled[j] = shr(res[j], 2);
 
     Word16 resPst[kSubframe];
-    pitchPostFilter(res, scaled, t0Min, t0Max, resPst);
+    if (active) {
+      pitchPostFilter(res, scaled, t0Min, t0Max, resPst);
+    } else {
+      std::memcpy(resPst, res, sizeof resPst);  // no pitch post-filter on comfort noise
+    }
 
     // Tilt of A(z/g2)/A(z/g1) from its truncated impulse response.
     Word16 h[kImpulseLen];

@@ -1,6 +1,14 @@
-// G.729 Annex A speech decoder: 10-byte packed frames to 80 samples of
-// 16-bit PCM at 8 kHz, bit-exact with the ITU-T fixed-point reference
-// (decoder, post-filter and output high-pass filter).
+// G.729 speech decoder: 10-byte packed frames to 80 samples of 16-bit PCM
+// at 8 kHz, bit-exact with the ITU-T fixed-point references (decoder,
+// post-filter and output high-pass filter). Annex A and the full-complexity
+// main body decode the same bitstream with the same stages and differ only
+// in the post-filter and in the excitation of erased frames.
+//
+// With Annex B (discontinuous transmission) a frame is one of three kinds:
+// a 10-byte speech frame, a 2-byte SID frame (15 bits, most significant
+// first, the 16th bit unused) that updates the comfort-noise description,
+// or an untransmitted frame (no bytes) during which the decoder keeps
+// generating comfort noise. Every kind yields 80 samples.
 //
 // The whole state lives in the object (no allocation, no globals), so any
 // number of decoders may run side by side.
@@ -10,6 +18,7 @@
 #include <cstdint>
 
 #include "codecs/speech/g729a/dsp.h"
+#include "codecs/speech/g729a/postfilter_main.h"
 
 namespace quillon::g729a {
 
@@ -18,7 +27,16 @@ class Decoder : private Dsp {
   static constexpr int kFrameSamples = kFrame;
   static constexpr int kFrameBytes = kPacketBytes;
 
-  Decoder() { reset(); }
+  enum class Variant { AnnexA, Main };
+
+  static constexpr int kSidBytes = 2;
+
+  explicit Decoder(Variant variant = Variant::AnnexA, bool annexB = false) : m_variant(variant), m_annexB(annexB) {
+    reset();
+  }
+
+  Variant variant() const { return m_variant; }
+  bool annexB() const { return m_annexB; }
 
   // Back to the initial state of a freshly started decoder.
   void reset();
@@ -28,7 +46,17 @@ class Decoder : private Dsp {
   void decode(const uint8_t in[kFrameBytes], int16_t out[kFrameSamples]);
 
   // Conceals one lost frame (the reference decoder's frame-erasure path).
-  void decodeErased(int16_t out[kFrameSamples]);
+  // With Annex B a loss after speech is concealed as speech, a loss during
+  // silence continues the comfort noise. sized: the lost frame carried bits
+  // (speech or SID size, not an empty frame); during silence the Annex A + B
+  // reference then decodes it as a SID frame whose bits are all zero (the
+  // main-body reference does not).
+  void decodeErased(int16_t out[kFrameSamples], bool sized = false);
+
+  // Annex B: a SID frame (15 bits in 2 bytes) and an untransmitted frame.
+  // Without Annex B both are concealed as lost frames.
+  void decodeSid(const uint8_t in[kSidBytes], int16_t out[kFrameSamples]);
+  void decodeUntransmitted(int16_t out[kFrameSamples]);
 
   // Splits a packed frame into its 11 parameters.
   static void unpack(const uint8_t in[kFrameBytes], Word16 prm[kParamCount]);
@@ -37,16 +65,36 @@ class Decoder : private Dsp {
 
  private:
   void decodeFrame(const Word16* prm, bool erased, int16_t* out);
+  // Annex B: one frame of comfort noise; sid holds the four SID parameters
+  // of a SID frame, null otherwise.
+  void decodeComfortNoise(const Word16* sid, bool erased, int16_t* out);
+  void saveExcitationEnergy();
+  void finishFrame(Word16* syn, const Word16* az, const Word16* lags, bool active, int16_t* out);
   void decodeLsp(const Word16* prm, bool erased, Word16* lspNew);
   void decodePitchLag(Word16 index, bool first, Word16& t0, Word16& frac);
   void decodeGains(Word16 index, const Word16* code, bool erased);
-  void postFilter(Word16* syn, const Word16* az, const Word16* lags, Word16* out);
+  void postFilter(Word16* syn, const Word16* az, const Word16* lags, bool active, Word16* out);
   void pitchPostFilter(const Word16* sig, const Word16* scaled, Word16 t0Min, Word16 t0Max, Word16* out);
   void tiltCompensate(Word16* sig, Word16 g);
   void gainControl(const Word16* in, Word16* out);
   void highPass(int16_t* out, const Word16* in);
-  Word16 random();
 
+  const Variant m_variant;
+  const bool m_annexB;
+  // Annex B: last frame type (1 speech, 2 SID, 0 untransmitted), the
+  // comfort-noise seed, the energy of the last good frame's excitation
+  // (value and exponent), the SID gain, the running comfort-noise gain and
+  // the LSPs of the last SID frame.
+  Word16 m_pastFrameType;
+  Word16 m_cngSeed;
+  Word16 m_sidEnergy, m_sidEnergyExp;
+  Word16 m_sidGain, m_cngGain;
+  Word16 m_lspSid[kOrder];
+  // Main body: the post-filter, and the voicing of the last frame (the
+  // harmonic delay it found, 0 when unvoiced) that selects the excitation
+  // of an erased frame.
+  MainPostFilter m_mainPost;
+  Word16 m_voicing;
   // Excitation: the kPitchMax + kInterpLen past samples, then the frame.
   Word16 m_excBuf[kPitchMax + kInterpLen + kFrame];
   Word16 m_synMem[kOrder];

@@ -406,12 +406,16 @@ void Dsp::lspStabilise(Word16* buf) {
 }
 
 void Dsp::lspExtract(const Word16* lsf, Word16* ele, int mode, const Word16 (*mem)[kOrder]) {
-  const Word16 (*fg)[kOrder] = tab::kLspMaPred[mode];
+  lspExtract(lsf, ele, tab::kLspMaPred[mode], tab::kLspMaSumInv[mode], mem);
+}
+
+void Dsp::lspExtract(const Word16* lsf, Word16* ele, const Word16 (*fg)[kOrder], const Word16* sumInv,
+                     const Word16 (*mem)[kOrder]) {
   for (int j = 0; j < kOrder; j++) {
     Word32 t = L_deposit_h(lsf[j]);
     for (int k = 0; k < 4; k++) t = L_msu(t, mem[k][j], fg[k][j]);
     const Word16 tmp = extract_h(t);
-    t = L_mult(tmp, tab::kLspMaSumInv[mode][j]);
+    t = L_mult(tmp, sumInv[j]);
     ele[j] = extract_h(L_shl(t, 3));
   }
 }

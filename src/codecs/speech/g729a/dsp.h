@@ -83,9 +83,34 @@ class Dsp : public fx::BasicOps {
   void lspStabilise(Word16* buf);
   // The predictor input that would give lsf with the current memory.
   void lspExtract(const Word16* lsf, Word16* ele, int mode, const Word16 (*mem)[kOrder]);
+  // The same with any predictor and inverse predictor sums.
+  void lspExtract(const Word16* lsf, Word16* ele, const Word16 (*fg)[kOrder], const Word16* sumInv,
+                  const Word16 (*mem)[kOrder]);
   // Builds the quantised LSF from the codebook indices and updates the
   // predictor memory.
   void lspDequantise(int code0, int code1, int code2, int mode, Word16 (*mem)[kOrder], Word16* lsfOut);
+
+  // ---- Annex B (dtx.cpp) ----
+  // The reference's pseudo-random generator.
+  Word16 random(Word16& seed) {
+    seed = extract_l(L_add(L_shr(L_mult(seed, 31821), 1), 13849));
+    return seed;
+  }
+  // Comfort-noise excitation of one frame at the target gain: a random
+  // adaptive-codebook vector, a Gaussian vector and four random pulses per
+  // subframe. pitchGain and lag receive the random pitch gain and lag of
+  // each subframe (the encoder's taming state follows them).
+  void comfortExcitation(Word16 gain, Word16* exc, Word16& seed, Word16 pitchGain[2], Word16 lag[2]);
+  // SID gain index of the average of n frame energies (value, exponent);
+  // n = 0 quantises one saved energy. enerq gets the quantised level in dB.
+  Word16 quantiseSidGain(const Word16* ener, const Word16* shEner, int n, Word16& enerq);
+  // SID LSF indices (predictor, first, second stage) to LSPs; updates the
+  // predictor memory.
+  void sidLsfDecode(const Word16* idx, Word16* lsp, Word16 (*mem)[kOrder]);
+
+ private:
+  Word16 gauss(Word16& seed);
+  Word16 sqrtHalf(Word32 num);
 };
 
 }  // namespace quillon::g729a

@@ -65,6 +65,33 @@ void Encoder::reset() {
   for (auto& e : m_excErr) e = 0x4000;
   std::memset(m_oldA, 0, sizeof m_oldA);
   m_oldA[0] = 4096;
+  m_oldRc[0] = m_oldRc[1] = 0;
+  std::memset(m_memSyn, 0, sizeof m_memSyn);
+  std::memset(m_errBuf, 0, sizeof m_errBuf);
+  m_smooth = 1;
+  m_larOld[0] = m_larOld[1] = 0;
+  m_searchExtra = 30;
+  m_vad.reset();
+  m_pastVad = m_ppastVad = true;
+  m_cngSeed = 11111;
+  m_frameCount = 0;
+  std::memset(m_lspSidQ, 0, sizeof m_lspSidQ);
+  std::memset(m_pastCoeff, 0, sizeof m_pastCoeff);
+  std::memset(m_rCoeff, 0, sizeof m_rCoeff);
+  m_shRCoeff = 0;
+  std::memset(m_acf, 0, sizeof m_acf);
+  m_shAcf[0] = m_shAcf[1] = 40;
+  std::memset(m_sumAcf, 0, sizeof m_sumAcf);
+  m_shSumAcf[0] = m_shSumAcf[1] = m_shSumAcf[2] = 40;
+  m_ener[0] = m_ener[1] = 0;
+  m_shEner[0] = m_shEner[1] = 40;
+  m_frCur = 0;
+  m_cngGain = 0;
+  m_nbEner = 0;
+  m_sidGain = 0;
+  m_flagChange = false;
+  m_prevEnergyQ = 0;
+  m_countFr0 = 0;
   for (auto& e : m_pastEnergy) e = kGainMemInit;
   m_y1Hi = m_y1Lo = m_y2Hi = m_y2Lo = m_x0 = m_x1 = 0;
 }
@@ -79,13 +106,22 @@ void Encoder::pack(const Word16 prm[kParamCount], uint8_t out[kFrameBytes]) {
   }
 }
 
-void Encoder::encode(const int16_t pcm[kFrameSamples], uint8_t out[kFrameBytes]) {
+int Encoder::encode(const int16_t pcm[kFrameSamples], uint8_t out[kFrameBytes]) {
   Word16* fresh = m_speech + kWindow - kFrame;
   std::memcpy(fresh, pcm, kFrame * sizeof(Word16));
   highPass(fresh);
+  if (m_annexB) m_frameCount = m_frameCount == 32767 ? Word16{256} : static_cast<Word16>(m_frameCount + 1);
   Word16 prm[kParamCount];
-  analyse(prm);
-  pack(prm, out);
+  const int type = m_variant == Variant::Main ? analyseMain(prm) : analyse(prm);
+  if (type == 1) {
+    pack(prm, out);
+    return kFrameBytes;
+  }
+  if (type == 2) {
+    packSid(prm, out);
+    return kSidBytes;
+  }
+  return 0;
 }
 
 void Encoder::highPass(Word16* signal) {
@@ -119,13 +155,14 @@ void Encoder::highPass(Word16* signal) {
 
 // ---- LP analysis -------------------------------------------------------------
 
-void Encoder::autocorrelation(const Word16* x, Word16* rh, Word16* rl) {
+void Encoder::autocorrelation(const Word16* x, Word16* rh, Word16* rl, int order, Word16* expR0, Word16* rawHi) {
   Word16 y[kWindow];
   for (int i = 0; i < kWindow; i++) y[i] = mult_r(x[i], tab::kLpcWindow[i]);
   // The energy terms are never negative, so the saturating sum overflows
   // exactly when the plain total passes 2^31 - 1; once it fits, every lag
   // product sum is bounded by it and needs no saturation either.
   Word32 sum;
+  Word16 exp = 1;
   for (;;) {
     int64_t e = 1;
     for (int i = 0; i < kWindow; i++) e += 2 * int64_t{y[i]} * y[i];
@@ -134,22 +171,25 @@ void Encoder::autocorrelation(const Word16* x, Word16* rh, Word16* rl) {
       break;
     }
     for (int i = 0; i < kWindow; i++) y[i] = shr(y[i], 2);
+    exp = add(exp, 4);
   }
   const Word16 norm = norm_l(sum);
+  if (expR0) *expR0 = sub(exp, norm);
   L_Extract(L_shl(sum, norm), rh[0], rl[0]);
-  for (int k = 1; k <= kOrder; k++) {
+  for (int k = 1; k <= order; k++) {
     int32_t acc = 0;
     for (int j = 0; j < kWindow - k; j++) acc += y[j] * y[j + k];
     L_Extract(L_shl(2 * acc, norm), rh[k], rl[k]);
   }
+  if (rawHi) std::memcpy(rawHi, rh, kOrder1 * sizeof(Word16));
   // Lag window.
-  for (int k = 1; k <= kOrder; k++) {
+  for (int k = 1; k <= order; k++) {
     const Word32 t = Mpy_32(rh[k], rl[k], tab::kLagWindowHi[k - 1], tab::kLagWindowLo[k - 1]);
     L_Extract(t, rh[k], rl[k]);
   }
 }
 
-void Encoder::levinson(const Word16* rh, const Word16* rl, Word16* a) {
+void Encoder::levinson(const Word16* rh, const Word16* rl, Word16* a, Word16* rc, Word16* err) {
   Word16 ah[kOrder1], al[kOrder1], anh[kOrder1], anl[kOrder1];
   Word16 kh, kl, hi, lo, alpH, alpL;
 
@@ -158,6 +198,7 @@ void Encoder::levinson(const Word16* rh, const Word16* rl, Word16* a) {
   Word32 t0 = Div_32(t2, rh[0], rl[0]);
   if (t1 > 0) t0 = L_negate(t0);
   L_Extract(t0, kh, kl);
+  rc[0] = kh;
   t0 = L_shr(t0, 4);
   L_Extract(t0, ah[1], al[1]);
   t0 = Mpy_32(kh, kl, kh, kl);
@@ -180,8 +221,11 @@ void Encoder::levinson(const Word16* rh, const Word16* rl, Word16* a) {
     if (t0 > 0) t2 = L_negate(t2);
     t2 = L_shl(t2, alpExp);
     L_Extract(t2, kh, kl);
+    if (i <= 2) rc[i - 1] = kh;
     if (abs_s(kh) > 32750) {  // unstable: keep the previous filter
       std::memcpy(a, m_oldA, sizeof m_oldA);
+      rc[0] = m_oldRc[0];
+      rc[1] = m_oldRc[1];
       return;
     }
     for (int j = 1; j < i; j++) {
@@ -205,9 +249,12 @@ void Encoder::levinson(const Word16* rh, const Word16* rl, Word16* a) {
       al[j] = anl[j];
     }
   }
+  if (err) *err = shr(alpH, alpExp);
   a[0] = 4096;
   for (int i = 1; i <= kOrder; i++) m_oldA[i] = a[i] = round(L_shl(L_Comp(ah[i], al[i]), 1));
   m_oldA[0] = 4096;
+  m_oldRc[0] = rc[0];
+  m_oldRc[1] = rc[1];
 }
 
 namespace {
@@ -287,16 +334,22 @@ void Encoder::azToLsp(const Word16* a, Word16* lsp, const Word16* oldLsp) {
   int found = 0;
   const Word16* coef = f1;
   bool onF2 = false;
-  Word16 xlow = tab::kChebGrid[0];
+  // Annex A scans 50 grid intervals and bisects twice, the main body 60
+  // intervals and four times.
+  const bool fine = m_variant == Variant::Main;
+  const Word16* grid = fine ? tab::kChebGrid60 : tab::kChebGrid;
+  const int gridPoints = fine ? 60 : 50;
+  const int bisections = fine ? 4 : 2;
+  Word16 xlow = grid[0];
   Word16 ylow = chebyshev(xlow, coef, halve);
   int j = 0;
-  while (found < kOrder && j < 50) {
+  while (found < kOrder && j < gridPoints) {
     j++;
     Word16 xhigh = xlow, yhigh = ylow;
-    xlow = tab::kChebGrid[j];
+    xlow = grid[j];
     ylow = chebyshev(xlow, coef, halve);
     if (L_mult(ylow, yhigh) <= 0) {
-      for (int i = 0; i < 2; i++) {
+      for (int i = 0; i < bisections; i++) {
         const Word16 xmid = add(shr(xlow, 1), shr(xhigh, 1));
         const Word16 ymid = chebyshev(xmid, coef, halve);
         if (L_mult(ylow, ymid) <= 0) {
@@ -336,12 +389,9 @@ void Encoder::azToLsp(const Word16* a, Word16* lsp, const Word16* oldLsp) {
   if (found < kOrder) std::memcpy(lsp, oldLsp, kOrder * sizeof(Word16));
 }
 
-void Encoder::quantiseLsp(const Word16* lsp, Word16* lspQ, Word16* prm) {
-  Word16 lsf[kOrder], lsfQ[kOrder];
-  lspToLsf(lsp, lsf);
-
-  // Weights from the distances between neighbouring LSFs.
-  Word16 wegt[kOrder], buf[kOrder];
+// Weights from the distances between neighbouring LSFs (Q13 LSFs).
+void Encoder::lsfWeights(const Word16* lsf, Word16* wegt) {
+  Word16 buf[kOrder];
   buf[0] = sub(lsf[1], 1029 + 8192);
   for (int i = 1; i < kOrder - 1; i++) buf[i] = sub(sub(lsf[i + 1], lsf[i - 1]), 8192);
   buf[kOrder - 1] = sub(23677 - 8192, lsf[kOrder - 2]);
@@ -363,6 +413,14 @@ void Encoder::quantiseLsp(const Word16* lsp, Word16* lspQ, Word16* prm) {
     if (wegt[i] > top) top = wegt[i];
   const Word16 sft = norm_s(top);
   for (int i = 0; i < kOrder; i++) wegt[i] = shl(wegt[i], sft);
+}
+
+void Encoder::quantiseLsp(const Word16* lsp, Word16* lspQ, Word16* prm) {
+  Word16 lsf[kOrder], lsfQ[kOrder];
+  lspToLsf(lsp, lsf);
+
+  Word16 wegt[kOrder];
+  lsfWeights(lsf, wegt);
 
   // Both MA predictors: first stage by plain distance, second stage halves
   // by weighted distance, then the weighted distortion of the result.
@@ -1148,17 +1206,24 @@ Word16 Encoder::quantiseGains(const Word16* code, const Word16* g, const Word16*
 
 // ---- Frame -------------------------------------------------------------------------------
 
-void Encoder::analyse(Word16* prm) {
+int Encoder::analyse(Word16* prm) {
   Word16* speech = m_speech + kWindow - kFrame - 40;
   Word16* wsp = m_wspBuf + kPitchMax;
   Word16* exc = m_excBuf + kExcHist;
   Word16 aq[2 * kOrder1], ap[2 * kOrder1];
 
   {
-    Word16 rh[kOrder1], rl[kOrder1], lspNew[kOrder], lspNewQ[kOrder];
-    autocorrelation(m_speech, rh, rl);
-    levinson(rh, rl, ap);
+    Word16 rh[VoiceActivityDetector::kAcfOrder + 1], rl[VoiceActivityDetector::kAcfOrder + 1];
+    Word16 rawHi[kOrder1], lspNew[kOrder], lspNewQ[kOrder], rc[2], expR0;
+    autocorrelation(m_speech, rh, rl, m_annexB ? VoiceActivityDetector::kAcfOrder : kOrder, &expR0, rawHi);
+    levinson(rh, rl, ap, rc);
     azToLsp(ap, lspNew, m_lspOld);
+    if (m_annexB) {
+      if (!detectVoice(rh, rl, expR0, rawHi, rc[1], lspNew)) return silentFrameAnnexA(prm);
+      m_cngSeed = 11111;
+      m_ppastVad = m_pastVad;
+      m_pastVad = true;
+    }
     quantiseLsp(lspNew, lspNewQ, prm);
     interpolateAz(m_lspOldQ, lspNewQ, aq);
     weightAz(aq, kGamma1, ap);
@@ -1264,6 +1329,35 @@ void Encoder::analyse(Word16* prm) {
   std::memmove(m_speech, m_speech + kFrame, (kWindow - kFrame) * sizeof(Word16));
   std::memmove(m_wspBuf, m_wspBuf + kFrame, kPitchMax * sizeof(Word16));
   std::memmove(m_excBuf, m_excBuf + kFrame, kExcHist * sizeof(Word16));
+  return 1;
+}
+
+int Encoder::silentFrameAnnexA(Word16* sid) {
+  Word16 aq[2 * kOrder1];
+  const int type = codeComfortNoise(sid, aq);
+  m_ppastVad = m_pastVad;
+  m_pastVad = false;
+  // Keep the weighting filter memories in step with the comfort noise.
+  Word16* speech = m_speech + kWindow - kFrame - 40;
+  Word16* wsp = m_wspBuf + kPitchMax;
+  Word16* exc = m_excBuf + kExcHist;
+  for (int sf = 0; sf < 2; sf++) {
+    const int off = sf * kSubframe;
+    const Word16* a = aq + sf * kOrder1;
+    Word16 xn[kSubframe], ap[kOrder1], ap1[kOrder1];
+    residual(a, speech + off, xn, kSubframe);
+    weightAz(a, kGamma1, ap);
+    ap1[0] = 4096;
+    for (int i = 1; i <= kOrder; i++) ap1[i] = sub(ap[i], mult(ap[i - 1], 22938));
+    synthesis(ap1, xn, wsp + off, kSubframe, m_memW, true);
+    for (int i = 0; i < kSubframe; i++) xn[i] = sub(xn[i], exc[off + i]);
+    synthesis(ap, xn, xn, kSubframe, m_memW0, true);
+  }
+  m_sharp = kSharpMin;
+  std::memmove(m_speech, m_speech + kFrame, (kWindow - kFrame) * sizeof(Word16));
+  std::memmove(m_wspBuf, m_wspBuf + kFrame, kPitchMax * sizeof(Word16));
+  std::memmove(m_excBuf, m_excBuf + kFrame, kExcHist * sizeof(Word16));
+  return type;
 }
 
 }  // namespace quillon::g729a

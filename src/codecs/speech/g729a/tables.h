@@ -9,8 +9,8 @@
 namespace quillon::g729a::tab {
 
 extern const int16_t kLpcWindow[240];
-extern const int16_t kLagWindowHi[10];
-extern const int16_t kLagWindowLo[10];
+extern const int16_t kLagWindowHi[12];  // 10 for LP analysis, 12 for the VAD
+extern const int16_t kLagWindowLo[12];
 extern const int16_t kCosTable[65];
 extern const int16_t kCosSlope[64];
 extern const int16_t kCosTable2[64];
@@ -22,6 +22,10 @@ extern const int16_t kLspMaPred[2][4][10];
 extern const int16_t kLspMaSum[2][10];
 extern const int16_t kLspMaSumInv[2][10];
 extern const int16_t kChebGrid[51];
+// The finer root-search grid of the main-body encoder (cos(pi i / 60)).
+extern const int16_t kChebGrid60[61];
+// 1/3-sample interpolation of normalised correlations (closed-loop pitch).
+extern const int16_t kInterp3Corr[13];
 extern const int16_t kInterp3[31];
 extern const int16_t kGainPred[4];
 extern const int16_t kGainBook1[8][2];
@@ -42,6 +46,30 @@ extern const int16_t kPow2Table[33];
 extern const int16_t kLog2Table[33];
 extern const int16_t kInvSqrtTable[49];
 extern const int16_t kTamingZone[153];
+// Main-body post-filter: 1/8-sample interpolation filters, phases 1..7
+// (4 and 16 taps).
+extern const int16_t kPostInterpShort[7 * 4];
+extern const int16_t kPostInterpLong[7 * 16];
+
+// Annex B: SID gain levels, SID LSF predictor sums and the codebook
+// entries reachable from the SID indices.
+extern const int16_t kSidGain[32];
+extern const int16_t kNoiseFgSum[2][10];
+extern const int16_t kNoiseFgSumInv[2][10];
+extern const int16_t kSidStage1[32];
+extern const int16_t kSidStage2[2][16];
+// The SID LSF predictors: the first MA predictor, and a blend of both.
+struct NoisePredictors {
+  int16_t fg[2][4][10];
+};
+const NoisePredictors& noisePredictors();
+// Annex B voice activity detector: low-band filter autocorrelation, and the
+// scaling of the initial means by the count of quiet start-up frames.
+extern const int16_t kVadLowBand[13];
+extern const int16_t kVadMeanShift[33];
+extern const int16_t kVadMeanFactor[33];
+// Weights of the two SID LSF predictors in the first-stage search.
+extern const int16_t kSidLsfStage1Weight[2];
 
 // Widths in bits of the 11 frame parameters, in transmission order.
 inline constexpr int kParamBits[11] = {8, 10, 8, 1, 13, 4, 7, 5, 13, 4, 7};

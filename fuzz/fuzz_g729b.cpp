@@ -1,0 +1,88 @@
+// libFuzzer target for the rest of the G.729 family: arbitrary bytes as a
+// stream of speech, SID, untransmitted and lost frames through every
+// decoder variant (the first byte of each record picks the frame kind),
+// the same bytes as whole packets through descriptors 24, 26 and 27 of the
+// codecLib front, and as PCM through the Annex B and main-body encoders.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "codecs/speech/codeclib/codeclib.h"
+#include "codecs/speech/g729a/decoder.h"
+#include "codecs/speech/g729a/encoder.h"
+#include "quillon/trace.h"
+
+namespace {
+
+using quillon::g729a::Decoder;
+using quillon::g729a::Encoder;
+namespace cl = quillon::codeclib;
+
+void engines(const uint8_t* data, size_t size) {
+  Decoder decoders[] = {Decoder(Decoder::Variant::Main), Decoder(Decoder::Variant::Main, true),
+                        Decoder(Decoder::Variant::AnnexA, true)};
+  int16_t out[Decoder::kFrameSamples];
+  size_t pos = 0;
+  while (pos < size) {
+    const uint8_t kind = data[pos++];
+    uint8_t frame[Decoder::kFrameBytes] = {};
+    const size_t n = std::min<size_t>(Decoder::kFrameBytes, size - pos);
+    std::memcpy(frame, data + pos, n);
+    for (Decoder& d : decoders) {
+      switch (kind & 3) {
+        case 0: d.decode(frame, out); break;
+        case 1: d.decodeSid(frame, out); break;
+        case 2: d.decodeUntransmitted(out); break;
+        default: d.decodeErased(out, (kind & 4) != 0); break;
+      }
+    }
+    pos += (kind & 3) == 0 ? n : (kind & 3) == 1 ? std::min<size_t>(2, n) : 0;
+  }
+}
+
+void front(const uint8_t* data, size_t size) {
+  for (int32_t id : {cl::kCodecG729, cl::kCodecG729AB, cl::kCodecG729B}) {
+    cl::HandleRes* h = nullptr;
+    if (cl::codecLibOpen(&h, id, cl::kDirDecoder, 0) != 0) continue;
+    cl::CodecLibOptions options{};
+    cl::codecLibQuery(&h, id, cl::kDirDecoder, nullptr, &options, 0);
+    std::vector<int16_t> out(80 * 40);
+    size_t pos = 0;
+    while (pos < size) {
+      // Packets of 0 to 22 bytes with room for every frame in them.
+      const size_t len = std::min<size_t>(data[pos] % 23, size - pos - 1);
+      pos++;
+      int32_t n = static_cast<int32_t>(len), room = static_cast<int32_t>(out.size());
+      cl::codecLibDecode(&h, data + pos, &n, out.data(), &room, &options, 0);
+      pos += len;
+    }
+    cl::codecLibClose(&h, 0);
+  }
+}
+
+void encoders(const uint8_t* data, size_t size) {
+  const size_t frames = size / (2 * Encoder::kFrameSamples);
+  Encoder encs[] = {Encoder(Encoder::Variant::Main), Encoder(Encoder::Variant::Main, true),
+                    Encoder(Encoder::Variant::AnnexA, true)};
+  int16_t pcm[Encoder::kFrameSamples];
+  uint8_t out[Encoder::kFrameBytes];
+  for (size_t f = 0; f < frames && f < 64; f++) {
+    std::memcpy(pcm, data + f * 2 * Encoder::kFrameSamples, sizeof pcm);
+    for (Encoder& e : encs) e.encode(pcm, out);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const bool quiet = [] {
+    quillon_set_trace_sink(nullptr);
+    return true;
+  }();
+  (void)quiet;
+  engines(data, size);
+  front(data, size);
+  encoders(data, size);
+  return 0;
+}
