@@ -289,7 +289,7 @@ void Decoder::decodeParams(int mode, int rxType, const uint8_t* bitArray, int16_
     firstFrame_ = 0;
     std::memcpy(ispPrev_, ispNew, sizeof ispPrev_);
   }
-  interpolateIsp(ispNew, aq);
+  interpolateIsp(ispPrev_, ispNew, aq);
   std::memcpy(ispPrev_, ispNew, sizeof ispPrev_);
 
   // Stability of the envelope: distance between old and new ISFs.

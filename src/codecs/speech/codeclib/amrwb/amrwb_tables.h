@@ -55,6 +55,17 @@ extern const int16_t kHomingMode6[27];
 extern const int16_t kHomingMode7[31];
 extern const int16_t kHomingMode8[32];
 
+// Encoder analysis tables
+extern const int16_t kLpcWindow[384];
+extern const int16_t kLagWindowHi[16];
+extern const int16_t kLagWindowLo[16];
+extern const int16_t kChebyshevGrid[101];
+extern const int16_t kAcosSlope[128];
+extern const int16_t kOpenLoopWeight[199];
+extern const int16_t kDecimationFir[120];
+extern const int16_t kPitchCorrInterp[32];
+extern const int16_t kHfGain[16];
+
 }  // namespace quillon::amrwb::tables
 
 #endif
