@@ -363,7 +363,7 @@ void Decoder::decodeParams(int mode, int rxType, const uint8_t* bitArray, int16_
     }
 
     // Adaptive codebook, optionally smoothed by the LTP low-pass filter.
-    predictLongTerm(exc + base, t0, t0Frac, kSub + 1);
+    predictLongTerm(exc + base, t0, t0Frac, kSub + 1, true);
     int ltpFilter;
     if (unusable) {
       ltpFilter = 1;
@@ -486,7 +486,7 @@ void Decoder::decodeParams(int mode, int rxType, const uint8_t* bitArray, int16_
         }
       }
     }
-    const Word16 voiceFac = voiceFactor(exc2, -3, gainPit, code, gainCode);
+    const Word16 voiceFac = voiceFactor(exc2, -3, gainPit, code, gainCode, true);
     codeTilt_ = add(shr(voiceFac, 2), 8192);
 
     std::memcpy(exc2, exc + base, kSub * sizeof(Word16));

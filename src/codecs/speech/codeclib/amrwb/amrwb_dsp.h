@@ -36,10 +36,14 @@ class Dsp : protected fx::BasicOps {
   void interpolateIsp(const Word16* ispOld, const Word16* ispNew, Word16* az);
   void weightLpc(const Word16* a, Word16* ap, Word16 gamma, int m);
 
-  // Excitation
-  void predictLongTerm(Word16* exc, Word16 t0, Word16 frac, int len);
+  // Excitation. Where the arithmetic can overflow (loud or damaged input)
+  // `wrap` selects the behaviour: true for the decoder, which follows the
+  // fixed-point decoder in wide use (exact sums, results truncated, shift
+  // counts taken modulo 32), false for the encoder, which follows the
+  // saturating operators of the 3GPP reference.
+  void predictLongTerm(Word16* exc, Word16 t0, Word16 frac, int len, bool wrap);
   Word16 voiceFactor(const Word16* exc, Word16 qExc, Word16 gainPit, const Word16* code,
-                     Word16 gainCode);
+                     Word16 gainCode, bool wrap);
 
   // Arithmetic helpers
   Word32 dotProduct12(const Word16* x, const Word16* y, int n, Word16& exp);

@@ -470,7 +470,7 @@ int Encoder::encodeSpeech(Word16* speech16k, int& mode, bool allowDtx, uint8_t* 
     }
 
     const bool clip = pitchClip(codecMode);
-    predictLongTerm(exc + sf, t0, t0Frac, kSub + 1);
+    predictLongTerm(exc + sf, t0, t0Frac, kSub + 1, false);
     Word16 gain1 = 0;
     if (codecMode > kMode9k) {
       convolve(exc + sf, h1, y1);
@@ -579,7 +579,7 @@ int Encoder::encodeSpeech(Word16* speech16k, int& mode, bool allowDtx, uint8_t* 
 
     std::memcpy(exc2, exc + sf, kSub * sizeof(Word16));
     scale(exc2, kSub, shift);
-    const Word16 voiceFac = voiceFactor(exc2, shift, gainPit, code, gCode);
+    const Word16 voiceFac = voiceFactor(exc2, shift, gainPit, code, gCode, false);
     tiltCode_ = add(shr(voiceFac, 2), 8192);
 
     // Memories for the next subframe.

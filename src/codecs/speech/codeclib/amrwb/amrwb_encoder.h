@@ -156,7 +156,7 @@ class Encoder : private Dsp {
   Word16 oldT0Med_, olGain_, adaW_, olWeightFlag_;
   Word16 oldOlLag_[5];
   Word16 hpWspMem_[9];
-  Word16 oldHpWsp_[kFrame / 4 + kPitMax / 2];
+  Word16 oldHpWsp_[kFrame / 2 + kPitMax / 2];
   // HF gain estimate (23.85 kbit/s)
   Word16 synHi_[kOrder], synLo_[kOrder];
   Word16 memSynHf_[kOrder];

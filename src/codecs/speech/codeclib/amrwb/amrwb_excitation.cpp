@@ -271,10 +271,10 @@ void Decoder::lagConcealment(Word16& t0, bool unusable) {
 }
 
 // Adaptive codebook vector: past excitation at a 1/4-sample lag,
-// interpolated with a 32-tap filter. The sum is exact (the largest
-// |coefficient| sum of a phase, 35692, keeps it below 2^31); the result is
-// rounded and truncated to 16 bits as in the peer decoder.
-void Dsp::predictLongTerm(Word16* exc, Word16 t0, Word16 frac, int len) {
+// interpolated with a 32-tap filter. With `wrap` the sum is exact (the
+// largest |coefficient| sum of a phase, 35692, keeps it below 2^31) and the
+// result is rounded and truncated to 16 bits as in the peer decoder.
+void Dsp::predictLongTerm(Word16* exc, Word16 t0, Word16 frac, int len, bool wrap) {
   const Word16* x = exc - t0;
   frac = negate(frac);
   if (frac < 0) {
@@ -284,9 +284,15 @@ void Dsp::predictLongTerm(Word16* exc, Word16 t0, Word16 frac, int len) {
   x -= 15;
   const int16_t* c = tables::kPitchInterp + (3 - frac);
   for (int j = 0; j < len; j++) {
-    int32_t acc = 0x2000;
-    for (int i = 0; i < 32; i++) acc += static_cast<int32_t>(x[j + i]) * c[4 * i];
-    exc[j] = static_cast<Word16>(acc >> 14);
+    if (wrap) {
+      int32_t acc = 0x2000;
+      for (int i = 0; i < 32; i++) acc += static_cast<int32_t>(x[j + i]) * c[4 * i];
+      exc[j] = static_cast<Word16>(acc >> 14);
+    } else {
+      Word32 acc = 0;
+      for (int i = 0; i < 32; i++) acc = L_mac(acc, x[j + i], c[4 * i]);
+      exc[j] = round(L_shl(acc, 1));
+    }
   }
 }
 
@@ -365,7 +371,7 @@ void Decoder::decodeGains(Word16 index, int nbits, const Word16* code, Word16& g
 }
 
 Word16 Dsp::voiceFactor(const Word16* exc, Word16 qExc, Word16 gainPit, const Word16* code,
-                            Word16 gainCode) {
+                        Word16 gainCode, bool wrap) {
   Word16 exp1, exp2;
   Word16 ener1 = extract_h(dotProduct12(exc, exc, kSub, exp1));
   exp1 = sub(exp1, add(qExc, qExc));
@@ -382,9 +388,18 @@ Word16 Dsp::voiceFactor(const Word16* exc, Word16 qExc, Word16 gainPit, const Wo
   ener2 = mult(ener2, tmp);
   exp2 = sub(exp2, add(exp, exp));
 
-  // Alignment shifts count modulo 32, as the peer decoder's do.
   const int d = exp1 - exp2;
-  if (d >= 0) {
+  if (!wrap) {
+    const Word16 i = sub(exp1, exp2);
+    if (i >= 0) {
+      ener1 = shr(ener1, 1);
+      ener2 = shr(ener2, add(i, 1));
+    } else {
+      ener1 = shr(ener1, sub(1, i));
+      ener2 = shr(ener2, 1);
+    }
+  } else if (d >= 0) {
+    // Alignment shifts count modulo 32, as the peer decoder's do.
     ener1 = static_cast<Word16>(ener1 >> 1);
     ener2 = static_cast<Word16>(ener2 >> ((d + 1) & 31));
   } else {
