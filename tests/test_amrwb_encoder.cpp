@@ -174,3 +174,40 @@ TEST(AmrWbEncoder, RoundTripQuality) {
     EXPECT_GT(best, floorDb[mode]) << "mode " << mode;
   }
 }
+
+// The encoder homing frame (320 samples of 0x0008): the encoder resets after
+// it, and from a reset state it answers with the decoder homing frame, which
+// resets the decoder in turn.
+TEST(AmrWbEncoder, HomingFrameResetsEncoderAndDecoder) {
+  QUILLON_REQUIRE_VECTORS(dir, "amrwb-3gpp");
+  const auto speech = readPcm16(dir / "orig" / "tst.inp");
+  const std::vector<int16_t> homing(320, 0x0008);
+  constexpr size_t kFrames = 20;
+  for (int mode = 0; mode <= 8; mode++) {
+    Encoder used, fresh;
+    uint8_t a[Encoder::kMaxFrameBytes], b[Encoder::kMaxFrameBytes], h[Encoder::kMaxFrameBytes];
+    for (size_t f = 0; f < kFrames; f++) used.encodeFrame(speech.data() + f * 320, mode, false, a);
+    used.encodeFrame(homing.data(), mode, false, a);
+    const int nh = fresh.encodeFrame(homing.data(), mode, false, h);
+    fresh.reset();
+    Decoder decUsed, decFresh;
+    int16_t outUsed[320], outFresh[320];
+    for (size_t f = kFrames; f < 2 * kFrames; f++) {
+      const int na = used.encodeFrame(speech.data() + f * 320, mode, false, a);
+      const int nb = fresh.encodeFrame(speech.data() + f * 320, mode, false, b);
+      ASSERT_EQ(na, nb);
+      ASSERT_TRUE(std::equal(a, a + na, b)) << "mode " << mode << " frame " << f;
+      if (f == kFrames) {
+        // A decoder that has run on speech and then gets the homing answer
+        // decodes the next frame like a fresh one.
+        decUsed.decodeFrame(a, static_cast<size_t>(na), outUsed);
+        decUsed.decodeFrame(h, static_cast<size_t>(nh), outUsed);
+      } else {
+        decUsed.decodeFrame(a, static_cast<size_t>(na), outUsed);
+        decFresh.decodeFrame(a, static_cast<size_t>(na), outFresh);
+      }
+    }
+    EXPECT_EQ(std::vector<int16_t>(outUsed, outUsed + 320), std::vector<int16_t>(outFresh, outFresh + 320))
+        << "mode " << mode;
+  }
+}

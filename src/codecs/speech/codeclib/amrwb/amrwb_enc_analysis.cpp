@@ -12,6 +12,7 @@ namespace quillon::amrwb {
 namespace {
 constexpr Word16 kPredFactor = 10923;  // 1/3, MA prediction of the ISF residual
 constexpr int kMaxSurvivors = 4;
+constexpr Word16 kPitSharp = 27853;    // 0.85, pitch sharpening of the innovation
 }  // namespace
 
 // ---- resampling and high-pass filters ----------------------------------
@@ -587,7 +588,7 @@ void Encoder::convolve(const Word16* x, const Word16* h, Word16* y) {
 }
 
 void Encoder::pitchSharpen(Word16* x, Word16 lag) {
-  for (int i = lag; i < kSub; i++) x[i] = round(L_mac(L_deposit_h(x[i]), x[i - lag], 27853));
+  for (int i = lag; i < kSub; i++) x[i] = round(L_mac(L_deposit_h(x[i]), x[i - lag], kPitSharp));
 }
 
 }  // namespace quillon::amrwb

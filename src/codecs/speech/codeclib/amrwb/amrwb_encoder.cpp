@@ -19,7 +19,6 @@ constexpr const int16_t* kSortOrders[9] = {
     tables::kSortOrder1425, tables::kSortOrder1585, tables::kSortOrder1825,
     tables::kSortOrder1985, tables::kSortOrder2305, tables::kSortOrder2385};
 
-constexpr Word16 kSubframeFrac[4] = {14746, 26214, 31457, 32767};
 constexpr Word16 kIspInit[16] = {32138, 30274, 27246, 23170, 18205, 12540, 6393,   0,
                                  -6393, -12540, -18205, -23170, -27246, -30274, -32138, 1475};
 constexpr Word16 kIsfInit[16] = {1024, 2048,  3072,  4096,  5120,  6144,  7168,  8192,
@@ -27,7 +26,6 @@ constexpr Word16 kIsfInit[16] = {1024, 2048,  3072,  4096,  5120,  6144,  7168, 
 constexpr Word16 kPreemphFac = 22282;  // 0.68
 constexpr Word16 kGamma1 = 30147;      // 0.92, perceptual weighting
 constexpr Word16 kTiltFac = 22282;
-constexpr Word16 kPitSharp = 27853;    // 0.85
 constexpr Word16 kGpClip = 15565;      // 0.95 in Q14
 constexpr Word16 kQMax = 8;
 constexpr int kFilt = 12;              // look-ahead samples after decimation
