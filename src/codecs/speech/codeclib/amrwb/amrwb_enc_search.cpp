@@ -524,67 +524,64 @@ void Encoder::searchCodebook4(Word16* dn, const Word16* cn, const Word16* H, Wor
       rrDiag[tr][kTrackPos - 1 - i] = extract_h(cor);
     }
   }
-  // Cross-correlations of neighbouring tracks (0-1, 1-2, 2-3, 3-0).
-  const int last = kTrackPos * kTrackPos - 1;
+  // Cross-correlations of neighbouring tracks (0-1, 1-2, 2-3, 3-0), filled
+  // along diagonals; indices into the flat table of the four pairs.
+  constexpr int kPair = kTrackPos * kTrackPos;
+  Word16* flat = &rrCross[0][0];
+  const int last = kPair - 1;
   pos = last;
   const Word16* hf = h + 1;
   for (int k = 0; k < kTrackPos; k++) {
-    Word16* p3 = &rrCross[2][pos];
-    Word16* p2 = &rrCross[1][pos];
-    Word16* p1 = &rrCross[0][pos];
-    Word16* p0 = &rrCross[3][pos - kTrackPos];
+    int q3 = 2 * kPair + pos, q2 = kPair + pos, q1 = pos, q0 = 3 * kPair + pos - kTrackPos;
     cor = 0x00008000;
     const Word16* a = h;
     const Word16* b = hf;
     for (int i = k + 1; i < kTrackPos; i++) {
       cor = L_mac(cor, *a++, *b++);
-      *p3 = extract_h(cor);
+      flat[q3] = extract_h(cor);
       cor = L_mac(cor, *a++, *b++);
-      *p2 = extract_h(cor);
+      flat[q2] = extract_h(cor);
       cor = L_mac(cor, *a++, *b++);
-      *p1 = extract_h(cor);
+      flat[q1] = extract_h(cor);
       cor = L_mac(cor, *a++, *b++);
-      *p0 = extract_h(cor);
-      p3 -= kTrackPos + 1;
-      p2 -= kTrackPos + 1;
-      p1 -= kTrackPos + 1;
-      p0 -= kTrackPos + 1;
+      flat[q0] = extract_h(cor);
+      q3 -= kTrackPos + 1;
+      q2 -= kTrackPos + 1;
+      q1 -= kTrackPos + 1;
+      q0 -= kTrackPos + 1;
     }
     cor = L_mac(cor, *a++, *b++);
-    *p3 = extract_h(cor);
+    flat[q3] = extract_h(cor);
     cor = L_mac(cor, *a++, *b++);
-    *p2 = extract_h(cor);
+    flat[q2] = extract_h(cor);
     cor = L_mac(cor, *a++, *b++);
-    *p1 = extract_h(cor);
+    flat[q1] = extract_h(cor);
     pos -= kTrackPos;
     hf += kTracks;
   }
   pos = last;
   hf = h + 3;
   for (int k = 0; k < kTrackPos; k++) {
-    Word16* p3 = &rrCross[3][pos];
-    Word16* p2 = &rrCross[2][pos - 1];
-    Word16* p1 = &rrCross[1][pos - 1];
-    Word16* p0 = &rrCross[0][pos - 1];
+    int q3 = 3 * kPair + pos, q2 = 2 * kPair + pos - 1, q1 = kPair + pos - 1, q0 = pos - 1;
     cor = 0x00008000;
     const Word16* a = h;
     const Word16* b = hf;
     for (int i = k + 1; i < kTrackPos; i++) {
       cor = L_mac(cor, *a++, *b++);
-      *p3 = extract_h(cor);
+      flat[q3] = extract_h(cor);
       cor = L_mac(cor, *a++, *b++);
-      *p2 = extract_h(cor);
+      flat[q2] = extract_h(cor);
       cor = L_mac(cor, *a++, *b++);
-      *p1 = extract_h(cor);
+      flat[q1] = extract_h(cor);
       cor = L_mac(cor, *a++, *b++);
-      *p0 = extract_h(cor);
-      p3 -= kTrackPos + 1;
-      p2 -= kTrackPos + 1;
-      p1 -= kTrackPos + 1;
-      p0 -= kTrackPos + 1;
+      flat[q0] = extract_h(cor);
+      q3 -= kTrackPos + 1;
+      q2 -= kTrackPos + 1;
+      q1 -= kTrackPos + 1;
+      q0 -= kTrackPos + 1;
     }
     cor = L_mac(cor, *a++, *b++);
-    *p3 = extract_h(cor);
+    flat[q3] = extract_h(cor);
     pos--;
     hf += kTracks;
   }

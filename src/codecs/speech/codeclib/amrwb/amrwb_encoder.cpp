@@ -169,7 +169,7 @@ int Encoder::encodeSpeech(Word16* speech16k, int& mode, bool allowDtx, uint8_t* 
   BitWriter prm{bitArray};
 
   Word16 oldSpeech[kTotal];
-  Word16 oldWsp[kFrame / 2 + kPitMax / 2];
+  Word16 oldWsp[kFrame + kPitMax / 2];  // full-rate weighted speech, then decimated in place
   Word16 oldExc[kFrame + 1 + kPitMax + kInterp];
   Word16* newSpeech = oldSpeech + kTotal - kFrame - kFilt;
   Word16* speech = oldSpeech + kTotal - kFrame - kSub;
