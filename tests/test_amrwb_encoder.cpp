@@ -83,7 +83,9 @@ TEST(AmrWbEncoder, CodecLibEncodeBuffersUnevenChunks) {
   for (const Case& c : {Case{"tst.inp", "tst_m5.amrwb", 5}, Case{"dtx.inp", "tst_md.amrwb", 2}}) {
     const auto input = readPcm16(dir / "orig" / c.input);
     std::vector<uint8_t> expected;
-    for (const auto& f : splitFrames(readFile(dir / c.expected))) expected.insert(expected.end(), f.begin(), f.end());
+    for (const auto& f : splitFrames(readFile(dir / c.expected))) {
+      expected.insert(expected.end(), f.begin(), f.end());
+    }
 
     HandleRes* h = nullptr;
     ASSERT_EQ(codecLibOpen(&h, kCodecAmrWb, kDirEncoder, 0), 0);

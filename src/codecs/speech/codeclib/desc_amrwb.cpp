@@ -114,7 +114,8 @@ int32 encodeFrameAmrWb(HandleRes* h, const int16* frame, uint8* out, int32* outB
                        CodecLibOptions* options, int16) {
   if (h->direction != kDirEncoder || !h->engineState) return 1;
   const bool dtx = options && options->dtx >= 1;
-  const int n = static_cast<amrwb::Encoder*>(h->engineState)->encodeFrame(frame, optionsMode(options), dtx, out);
+  auto* encoder = static_cast<amrwb::Encoder*>(h->engineState);
+  const int n = encoder->encodeFrame(frame, optionsMode(options), dtx, out);
   if (n < 0) return 1;
   *outBytes = n;
   return kOk;

@@ -21,6 +21,7 @@ class Dsp : protected fx::BasicOps {
   static constexpr int kSub16 = 80;       // subframe at 16 kHz
   static constexpr int kFrame = 256;      // frame at 12.8 kHz
   static constexpr Word16 kIsfGap = 128;  // minimum ISF spacing
+  static constexpr int kSidBits = 35;     // comfort-noise parameters of a SID frame
 
   // Spectral envelope
   static void reorderIsf(Word16* isf, Word16 minDist, int n);

@@ -37,8 +37,6 @@ constexpr int kElapsedThresh = 24 + 7 - 1;
 constexpr Word16 kInvMedThresh = 14564;
 constexpr Word16 kGainThr = 180;
 constexpr Word16 kEnergyAdjust[9] = {230, 179, 141, 128, 122, 115, 115, 115, 115};
-constexpr Word16 kIsfInit[16] = {1024, 2048,  3072,  4096,  5120,  6144,  7168,  8192,
-                                 9216, 10240, 11264, 12288, 13312, 14336, 15360, 3840};
 
 }  // namespace
 
@@ -299,7 +297,9 @@ void Encoder::dtxReset() {
   DtxState& d = dtx_;
   d.histPtr = 0;
   d.logEnIndex = 0;
-  for (int i = 0; i < kHistLen; i++) std::memcpy(d.isfHist + i * kOrder, kIsfInit, sizeof kIsfInit);
+  for (int i = 0; i < kHistLen; i++) {
+    std::memcpy(d.isfHist + i * kOrder, tables::kIsfStart, sizeof tables::kIsfStart);
+  }
   d.seed = 21845;
   std::memset(d.logEnHist, 0, sizeof d.logEnHist);
   d.hangoverCount = kHangConst;

@@ -737,11 +737,14 @@ void Encoder::searchCodebook4(Word16* dn, const Word16* cn, const Word16* H, Wor
       for (int k = 0; k < 4; k++, tr += kPerTrack) index[k] = static_cast<Word16>(index2(tr[0], tr[1], 4));
       break;
     case 44:
-      for (int k = 0; k < 2; k++, tr += kPerTrack) index[k] = static_cast<Word16>(index3(tr[0], tr[1], tr[2], 4));
-      for (int k = 2; k < 4; k++, tr += kPerTrack) index[k] = static_cast<Word16>(index2(tr[0], tr[1], 4));
+      for (int k = 0; k < 4; k++, tr += kPerTrack) {
+        index[k] = static_cast<Word16>(k < 2 ? index3(tr[0], tr[1], tr[2], 4) : index2(tr[0], tr[1], 4));
+      }
       break;
     case 52:
-      for (int k = 0; k < 4; k++, tr += kPerTrack) index[k] = static_cast<Word16>(index3(tr[0], tr[1], tr[2], 4));
+      for (int k = 0; k < 4; k++, tr += kPerTrack) {
+        index[k] = static_cast<Word16>(index3(tr[0], tr[1], tr[2], 4));
+      }
       break;
     case 64:
       for (int k = 0; k < 4; k++, tr += kPerTrack) {

@@ -12,17 +12,6 @@ namespace quillon::amrwb {
 
 namespace {
 
-constexpr int kSpeechBits[9] = {132, 177, 253, 285, 317, 365, 397, 461, 477};
-constexpr int kSidBits = 35;
-constexpr const int16_t* kSortOrders[9] = {
-    tables::kSortOrder660,  tables::kSortOrder885,  tables::kSortOrder1265,
-    tables::kSortOrder1425, tables::kSortOrder1585, tables::kSortOrder1825,
-    tables::kSortOrder1985, tables::kSortOrder2305, tables::kSortOrder2385};
-
-constexpr Word16 kIspInit[16] = {32138, 30274, 27246, 23170, 18205, 12540, 6393,   0,
-                                 -6393, -12540, -18205, -23170, -27246, -30274, -32138, 1475};
-constexpr Word16 kIsfInit[16] = {1024, 2048,  3072,  4096,  5120,  6144,  7168,  8192,
-                                 9216, 10240, 11264, 12288, 13312, 14336, 15360, 3840};
 constexpr Word16 kPreemphFac = 22282;  // 0.68
 constexpr Word16 kGamma1 = 30147;      // 0.92, perceptual weighting
 constexpr Word16 kTiltFac = 22282;
@@ -75,8 +64,8 @@ void Encoder::resetSpeech(bool all) {
   std::memset(levinsonOld_, 0, sizeof levinsonOld_);
   for (Word16& e : pastQuaEn_) e = -14336;
   std::memset(hpWspMem_, 0, sizeof hpWspMem_);
-  std::memcpy(ispOld_, kIspInit, sizeof ispOld_);
-  std::memcpy(ispOldQ_, kIspInit, sizeof ispOldQ_);
+  std::memcpy(ispOld_, tables::kIspStart, sizeof ispOld_);
+  std::memcpy(ispOldQ_, tables::kIspStart, sizeof ispOldQ_);
   memPreemph_ = 0;
   memWsp_ = 0;
   qOld_ = 15;
@@ -95,7 +84,7 @@ void Encoder::resetSpeech(bool all) {
   std::memset(memHpOut_, 0, sizeof memHpOut_);
   std::memset(memHf_, 0, sizeof memHf_);
   std::memset(memHp400_, 0, sizeof memHp400_);
-  std::memcpy(isfOld_, kIsfInit, sizeof isfOld_);
+  std::memcpy(isfOld_, tables::kIsfStart, sizeof isfOld_);
   memDeemph_ = 0;
   seedHf_ = 21845;
   std::memset(memHf2_, 0, sizeof memHf2_);
@@ -146,8 +135,8 @@ int Encoder::pack(const uint8_t* bits, int frameType, int sidType, int mode, uin
   out[0] = static_cast<uint8_t>((frameType << 3) | 0x04);
   if (frameType == 15) return 1;
   const bool sid = frameType == 9;
-  const int n = sid ? kSidBits : kSpeechBits[frameType];
-  const int16_t* order = sid ? tables::kSortOrderSid : kSortOrders[frameType];
+  const int n = sid ? kSidBits : tables::kSpeechBits[frameType];
+  const int16_t* order = sid ? tables::kSortOrderSid : tables::kSortOrders[frameType];
   const int total = sid ? kSidBits + 5 : n;
   const int bytes = 1 + (total + 7) / 8;
   std::memset(out + 1, 0, static_cast<size_t>(bytes - 1));

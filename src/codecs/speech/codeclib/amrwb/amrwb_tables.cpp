@@ -1152,6 +1152,18 @@ const int16_t kHomingMode8[32] = {
     7941, 27649, 13965, 15236, 18026, 22047, 16681, 3968,
 };
 
+// ---- frame layout and start-up state ----
+
+const int16_t kSpeechBits[9] = {132, 177, 253, 285, 317, 365, 397, 461, 477};
+const int16_t* const kSortOrders[9] = {
+    kSortOrder660,  kSortOrder885,  kSortOrder1265, kSortOrder1425, kSortOrder1585,
+    kSortOrder1825, kSortOrder1985, kSortOrder2305, kSortOrder2385,
+};
+const int16_t kIspStart[16] = {32138, 30274, 27246, 23170, 18205, 12540, 6393, 0,
+                               -6393, -12540, -18205, -23170, -27246, -30274, -32138, 1475};
+const int16_t kIsfStart[16] = {1024, 2048, 3072, 4096, 5120, 6144, 7168, 8192,
+                               9216, 10240, 11264, 12288, 13312, 14336, 15360, 3840};
+
 // ---- encoder analysis ----
 
 const int16_t kLpcWindow[384] = {
