@@ -127,7 +127,9 @@ int Encoder::encodeFrame(const int16_t* pcm, int mode, bool dtx, uint8_t* out) {
     prevFrameSpeech_ = 1;
     bytes = pack(bits, used, 0, mode, out);
   }
-  if (homing) reset();
+  // After the homing frame the codec starts afresh; the SID schedule of
+  // the transmit side carries on.
+  if (homing) resetSpeech(true);
   return bytes;
 }
 
@@ -153,7 +155,7 @@ int Encoder::pack(const uint8_t* bits, int frameType, int sidType, int mode, uin
   return bytes;
 }
 
-int Encoder::encodeSpeech(Word16* speech16k, int& mode, bool allowDtx, uint8_t* bitArray) {
+void Encoder::encodeSpeech(Word16* speech16k, int& mode, bool allowDtx, uint8_t* bitArray) {
   const int codecMode = mode;
   BitWriter prm{bitArray};
 
@@ -327,7 +329,7 @@ int Encoder::encodeSpeech(Word16* speech16k, int& mode, bool allowDtx, uint8_t* 
     resetSpeech(false);
     std::memcpy(oldSpeech_, oldSpeech + kFrame, sizeof oldSpeech_);
     std::memcpy(oldWsp_, oldWsp + kFrame / 2, sizeof oldWsp_);
-    return 0;
+    return;
   }
 
   // ISF quantisation.
@@ -628,7 +630,6 @@ int Encoder::encodeSpeech(Word16* speech16k, int& mode, bool allowDtx, uint8_t* 
   std::memcpy(oldSpeech_, oldSpeech + kFrame, sizeof oldSpeech_);
   std::memcpy(oldWsp_, oldWsp + kFrame / 2, sizeof oldWsp_);
   std::memcpy(oldExc_, oldExc + kFrame, sizeof oldExc_);
-  return 0;
 }
 
 // 23.85 kbit/s HF gain: runs the decoder's 12.8 kHz synthesis and HF noise

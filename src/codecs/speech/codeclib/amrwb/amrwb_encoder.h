@@ -66,7 +66,7 @@ class Encoder : private Dsp {
   };
 
   void resetSpeech(bool all);
-  int encodeSpeech(Word16* speech16k, int& mode, bool dtx, uint8_t* bits);
+  void encodeSpeech(Word16* speech16k, int& mode, bool dtx, uint8_t* bits);
   static int pack(const uint8_t* bits, int frameType, int sidType, int mode, uint8_t* out);
 
   // Pre-processing and analysis
