@@ -162,8 +162,8 @@ Word16 Encoder::pitchSearch(const Word16* exc, const Word16* xn, const Word16* h
                             Word16 t0Max, Word16& frac, bool first, Word16 t0Fr2, Word16 t0Fr1) {
   constexpr int kHalf = 4;  // half length of the correlation interpolator
   const int tMin = t0Min - kHalf, tMax = t0Max + kHalf;
-  Word16 corrBuf[40];
-  Word16* corr = corrBuf - tMin;
+  Word16 corrBuf[40];  // normalised correlation of lags tMin..tMax
+  auto corr = [&](int lag) -> Word16& { return corrBuf[lag - tMin]; };
 
   // Normalised correlation for every lag of the widened range.
   Word16 excf[kSub];
@@ -189,7 +189,7 @@ Word16 Encoder::pitchSearch(const Word16* exc, const Word16* xn, const Word16* h
     const Word16 norm = extract_h(t);
     t = L_mult(c, norm);
     t = L_shl(t, add(add(expCorr, expNorm), scl));
-    corr[lag] = round(t);
+    corr(lag) = round(t);
     if (lag != tMax) {
       k--;
       for (int i = kSub - 1; i > 0; i--) excf[i] = add(mult(exc[k], h[i]), excf[i - 1]);
@@ -197,11 +197,11 @@ Word16 Encoder::pitchSearch(const Word16* exc, const Word16* xn, const Word16* h
     }
   }
 
-  Word16 best = corr[t0Min];
+  Word16 best = corr(t0Min);
   Word16 t0 = t0Min;
   for (int i = t0Min + 1; i <= t0Max; i++) {
-    if (corr[i] >= best) {
-      best = corr[i];
+    if (corr(i) >= best) {
+      best = corr(i);
       t0 = static_cast<Word16>(i);
     }
   }
@@ -211,7 +211,7 @@ Word16 Encoder::pitchSearch(const Word16* exc, const Word16* xn, const Word16* h
   }
   // Fractional refinement by interpolating the correlation.
   auto interp = [&](int fr) {
-    const Word16* x = corr + t0;
+    const Word16* x = &corr(t0);
     if (fr < 0) {
       fr += 4;
       x--;
