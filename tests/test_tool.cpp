@@ -108,6 +108,43 @@ TEST_F(ToolTest, EncodesWaveInputAndHalves16kHz) {
   EXPECT_EQ(half[44 + 3], quillon::g711::alawCompress(static_cast<int16_t>((pcm[6] + pcm[7]) / 2)));
 }
 
+// AMR-WB encoding goes straight to the engine: the 3GPP input gives the
+// reference frames byte for byte (length-prefixed), the stream decodes with
+// the tool, and any chunking of the pipeline input gives the same stream.
+TEST_F(ToolTest, EncodesAmrWbWithModeAndDtx) {
+  const fs::path ref = quillon::test::vectorsSubdir("amrwb-3gpp");
+  if (ref.empty()) GTEST_SKIP() << "amrwb-3gpp vectors not found";
+  const std::vector<int16_t> pcm = quillon::test::readPcm16(ref / "orig" / "dtx.inp");
+  writeWav(dir / "dtx.wav", pcm, 16000);
+  const std::string in = (dir / "dtx.wav").string(), out = (dir / "dtx.amrwb").string();
+  ASSERT_EQ(run("encode --codec amrwb --mode 2 --dtx " + in + " " + out), 0);
+  EXPECT_EQ(readFile(out), readFile(ref / "tst_md.amrwb"));
+  ASSERT_EQ(run("decode --codec amrwb " + out + " " + (dir / "back.wav").string()), 0);
+  EXPECT_EQ(readFile(dir / "back.wav").size(), 44 + pcm.size() * 2);
+
+  std::string err;
+  EXPECT_EQ(run("encode --codec amrwb --mode 9 " + in + " " + out, &err), 2);
+  EXPECT_EQ(run("encode --codec ulaw --dtx " + in + " " + out, &err), 2);
+  writeWav(dir / "eight.wav", pcm, 8000);
+  EXPECT_EQ(run("encode --codec amrwb " + (dir / "eight.wav").string() + " " + out, &err), 1);
+
+  // A partial last frame is padded; chunking does not matter.
+  std::vector<uint8_t> whole, chunked;
+  quillon::tool::EncodeOptions options;
+  options.amrwbMode = 7;
+  quillon::tool::EncodePipeline a, b;
+  std::string error;
+  ASSERT_TRUE(a.open(CT_AMRWB, 16000, error, options));
+  ASSERT_TRUE(b.open(CT_AMRWB, 16000, error, options));
+  const size_t len = 16000 + 123;
+  a.feed(pcm.data(), len, whole);
+  a.flush(whole);
+  for (size_t pos = 0, c = 1; pos < len; pos += c, c = c * 7 % 997 + 1) b.feed(pcm.data() + pos, std::min(c, len - pos), chunked);
+  b.flush(chunked);
+  EXPECT_EQ(whole.size(), 51u * (2 + 59));  // 51 frames of mode 7, the last one padded
+  EXPECT_EQ(whole, chunked);
+}
+
 TEST_F(ToolTest, ReportsBadArgumentsAndInputs) {
   std::string err;
   EXPECT_EQ(run("", &err), 2);

@@ -93,13 +93,24 @@ int runProbeCommand(int argc, char** argv) {
 
 int runEncodeCommand(int argc, char** argv) {
   CompressionType code = CT_NONE;
-  bool haveCodec = false;
+  bool haveCodec = false, haveAmrWbOption = false;
+  EncodeOptions encodeOptions;
   std::vector<std::string> files;
   for (int i = 1; i < argc; i++) {
     const std::string a = argv[i];
     if (a == "--codec" && i + 1 < argc) {
       if (!parseCodec(argv[++i], code)) return usageError("encode", std::string("unknown codec '") + argv[i] + "'");
       haveCodec = true;
+    } else if (a == "--mode" && i + 1 < argc) {
+      char* end = nullptr;
+      const long mode = std::strtol(argv[++i], &end, 10);
+      if (end == argv[i] || *end != '\0' || mode < 0 || mode > 8)
+        return usageError("encode", std::string("--mode needs a number from 0 to 8, not '") + argv[i] + "'");
+      encodeOptions.amrwbMode = static_cast<int>(mode);
+      haveAmrWbOption = true;
+    } else if (a == "--dtx") {
+      encodeOptions.amrwbDtx = true;
+      haveAmrWbOption = true;
     } else if (!a.empty() && a[0] == '-' && a != "-") {
       return usageError("encode", "unknown or incomplete option '" + a + "'");
     } else {
@@ -107,6 +118,7 @@ int runEncodeCommand(int argc, char** argv) {
     }
   }
   if (!haveCodec) return usageError("encode", "--codec is required");
+  if (haveAmrWbOption && code != CT_AMRWB) return usageError("encode", "--mode and --dtx apply to --codec amrwb only");
   if (files.size() != 2) return usageError("encode", "expected INPUT.wav and OUTPUT");
 
   std::string error;
@@ -118,7 +130,7 @@ int runEncodeCommand(int argc, char** argv) {
   if (wav.channels != 1) return fail(files[0] + ": only mono input is accepted (" + std::to_string(wav.channels) + " channels)");
 
   EncodePipeline pipeline;
-  if (!pipeline.open(code, wav.sampleRate, error)) return fail(error);
+  if (!pipeline.open(code, wav.sampleRate, error, encodeOptions)) return fail(error);
   const AudioFormat outFormat(code, 1);
   OutputFile::Header header = OutputFile::Header::None;
   if (hasWaveDescription(code)) header = code == CT_MSADPCM ? OutputFile::Header::MsAdpcm : OutputFile::Header::Plain;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "codecs/speech/codeclib/amrwb/amrwb_encoder.h"
 #include "codecs/speech/icelp48/icelp48_encoder.h"
 #include "quillon/quillon.h"
 
@@ -67,11 +68,37 @@ class DecodePipeline {
   uint64_t m_consumed = 0;
 };
 
+// Codec settings of an encode that only some codecs take.
+struct EncodeOptions {
+  int amrwbMode = 2;      // AMR-WB mode 0..8 (6.60 to 23.85 kbit/s)
+  bool amrwbDtx = false;  // AMR-WB discontinuous transmission (SID/NO_DATA in pauses)
+};
+
+// AMR-WB encoding to the length-prefixed stream the decoder reads: per 20 ms
+// frame a 16-bit little-endian byte count, then the storage-layout frame.
+class AmrWbStreamEncoder {
+ public:
+  AmrWbStreamEncoder(int mode, bool dtx) : m_mode(mode), m_dtx(dtx) {}
+  void feed(const int16_t* pcm, size_t samples, std::vector<uint8_t>& out);
+  // Encodes the held samples (if any) as a last, zero-padded frame.
+  void flush(std::vector<uint8_t>& out);
+
+ private:
+  void emit(const int16_t* frame, std::vector<uint8_t>& out);
+
+  amrwb::Encoder m_encoder;
+  int m_mode;
+  bool m_dtx;
+  int16_t m_buffer[amrwb::Encoder::kInputSamples] = {};
+  size_t m_held = 0;
+};
+
 class EncodePipeline {
  public:
   // `inRate` is the PCM's rate (8000 or 16000); 16 kHz input for an 8 kHz
   // codec is halved first.
-  bool open(TAV::CompressionType code, uint32_t inRate, std::string& error);
+  bool open(TAV::CompressionType code, uint32_t inRate, std::string& error,
+            const EncodeOptions& options = EncodeOptions());
   // Encodes 16-bit PCM; coded bytes are appended to `out`.
   void feed(const int16_t* pcm, size_t samples, std::vector<uint8_t>& out);
   // Appends what the encoder still holds back.
@@ -83,6 +110,8 @@ class EncodePipeline {
   TAV::TransCoder m_transcoder;
   // ICELP48 has no TAV::Codec encoder: its engine is driven directly.
   std::unique_ptr<icelp48::Icelp48StreamEncoder> m_icelp48;
+  // AMR-WB's TAV::Codec is decode-only: its engine is driven directly too.
+  std::unique_ptr<AmrWbStreamEncoder> m_amrwb;
   std::unique_ptr<Halver> m_halver;
   std::vector<int16_t> m_halved;
   std::vector<uint8_t> m_outBuffer;

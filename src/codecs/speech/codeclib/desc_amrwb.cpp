@@ -1,9 +1,12 @@
 // Descriptor 4: 3GPP AMR-WB, 20 ms frames of 320 samples at 16 kHz. Coded
 // frames are in the RFC 4867 storage layout (table-of-contents byte, then
 // the octet-aligned speech bits), so their size follows from the first byte.
+// The encoder writes the same layout: a speech frame of the options' mode,
+// or with `dtx` set a SID (6 bytes) or NO_DATA (1 byte) frame in pauses.
 #include <new>
 
 #include "codecs/speech/codeclib/amrwb/amrwb_decoder.h"
+#include "codecs/speech/codeclib/amrwb/amrwb_encoder.h"
 #include "codecs/speech/codeclib/codeclib.h"
 
 namespace quillon::codeclib {
@@ -20,6 +23,11 @@ const char* const kAmrWbPackings[] = {"IETF"};
 // Frame sizes by frame type, the ToC byte included. Type 10 counts 6 bytes
 // like the SID frame of type 9; this is how the table has always been.
 int32 frameBytes(int type) { return amrwb::frameBytesForType(type); }
+
+// Mode of the options record; out of range counts as mode 0, as in query.
+int optionsMode(const CodecLibOptions* options) {
+  return options && options->mode >= 0 && options->mode <= 8 ? options->mode : 0;
+}
 
 int32 queryAmrWb(HandleRes*, int32, int32 direction, CodecLibInfo* info, CodecLibOptions* options,
                  const uint8* data, int32 dataBytes, int16) {
@@ -52,7 +60,7 @@ int32 queryAmrWb(HandleRes*, int32, int32 direction, CodecLibInfo* info, CodecLi
     info->outBitsPerSample = 16;
     info->outSamplesPerFrame = kFrameSamples;
   } else {
-    const int mode = options && options->mode >= 0 && options->mode <= 8 ? options->mode : 0;
+    const int mode = optionsMode(options);
     info->inBytesPerSecond = 32000;
     info->inBytesPerFrame = info->inBytesPerFrameMax = info->leftOverSize = 2 * kFrameSamples;
     info->inSampleRate = 16000;
@@ -66,22 +74,50 @@ int32 queryAmrWb(HandleRes*, int32, int32 direction, CodecLibInfo* info, CodecLi
 }
 
 int32 openAmrWb(HandleRes* h, int16) {
-  // The encoder side has no engine in this build: opening it fails.
-  if (h->direction != kDirDecoder) return 1;
-  h->engineState = new (std::nothrow) amrwb::Decoder();
+  if (h->direction == kDirDecoder) {
+    h->engineState = new (std::nothrow) amrwb::Decoder();
+  } else if (h->direction == kDirEncoder) {
+    h->engineState = new (std::nothrow) amrwb::Encoder();
+  } else {
+    return 1;
+  }
   return h->engineState ? kOk : 1;
 }
 
 int32 closeAmrWb(HandleRes* h, int16) {
-  if (h->direction != kDirDecoder) return 1;
-  delete static_cast<amrwb::Decoder*>(h->engineState);
+  if (h->direction == kDirDecoder) {
+    delete static_cast<amrwb::Decoder*>(h->engineState);
+  } else if (h->direction == kDirEncoder) {
+    delete static_cast<amrwb::Encoder*>(h->engineState);
+  } else {
+    return 1;
+  }
   h->engineState = nullptr;
   return kOk;
 }
 
 int32 resetAmrWb(HandleRes* h) {
-  if (h->direction != kDirDecoder || !h->engineState) return 1;
-  static_cast<amrwb::Decoder*>(h->engineState)->reset();
+  if (!h->engineState) return 1;
+  if (h->direction == kDirDecoder) {
+    static_cast<amrwb::Decoder*>(h->engineState)->reset();
+  } else if (h->direction == kDirEncoder) {
+    static_cast<amrwb::Encoder*>(h->engineState)->reset();
+  } else {
+    return 1;
+  }
+  return kOk;
+}
+
+// One frame of 320 samples; the frame written may be shorter than the
+// mode's size when DTX sends a SID or NO_DATA frame.
+int32 encodeFrameAmrWb(HandleRes* h, const int16* frame, uint8* out, int32* outBytes,
+                       CodecLibOptions* options, int16) {
+  if (h->direction != kDirEncoder || !h->engineState) return 1;
+  const bool dtx = options && options->dtx >= 1;
+  auto* encoder = static_cast<amrwb::Encoder*>(h->engineState);
+  const int n = encoder->encodeFrame(frame, optionsMode(options), dtx, out);
+  if (n < 0) return 1;
+  *outBytes = n;
   return kOk;
 }
 
@@ -115,6 +151,7 @@ void fillAmrWbDescriptor(CodecDescriptor& d) {
   d.open = openAmrWb;
   d.close = closeAmrWb;
   d.reset = resetAmrWb;
+  d.encodeFrame = encodeFrameAmrWb;
   d.decodeFrame = decodeFrameAmrWb;
   d.frameInfo = frameInfoAmrWb;
   d.query = queryAmrWb;

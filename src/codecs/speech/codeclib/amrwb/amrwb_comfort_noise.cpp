@@ -11,7 +11,6 @@ namespace {
 constexpr Word16 kHangConst = 7;
 constexpr Word16 kElapsedThresh = 24 + 7 - 1;
 constexpr Word16 kMaxEmpty = 50;
-constexpr Word16 kIsfGap = 128;
 constexpr Word16 kIsfDitherGap = 448;
 constexpr Word16 kIsfFactorLow = 256;
 constexpr Word16 kIsfFactorStep = 2;
@@ -104,7 +103,7 @@ void Decoder::comfortNoiseFrame(Word16* exc, int newState, Word16* isf, BitCurso
       ind[2] = prm.take(6);
       ind[3] = prm.take(5);
       ind[4] = prm.take(5);
-      decodeNoiseIsf(ind, c.isf);
+      dequantiseNoiseIsf(ind, c.isf);
       const Word16 logEnIndex = prm.take(6);
       c.dither = prm.take(1);
       c.logEn = mult(shl(logEnIndex, 9), 12483);

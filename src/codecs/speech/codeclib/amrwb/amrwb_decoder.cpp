@@ -15,22 +15,10 @@ using namespace overflow;
 namespace {
 
 constexpr int16_t kFrameBytes[16] = {18, 24, 33, 37, 41, 47, 51, 59, 61, 6, 6, 0, 0, 0, 1, 1};
-constexpr int16_t kSpeechBits[9] = {132, 177, 253, 285, 317, 365, 397, 461, 477};
-constexpr int kSidBits = 35;
-
-const int16_t* const kSortOrders[9] = {
-    tables::kSortOrder660,  tables::kSortOrder885,  tables::kSortOrder1265,
-    tables::kSortOrder1425, tables::kSortOrder1585, tables::kSortOrder1825,
-    tables::kSortOrder1985, tables::kSortOrder2305, tables::kSortOrder2385,
-};
 
 // Fractions of the new ISP vector for the four subframes.
 constexpr Word16 kSubframeFrac[4] = {14746, 26214, 31457, 32767};
 
-constexpr Word16 kIspStart[16] = {32138, 30274, 27246, 23170, 18205, 12540, 6393, 0,
-                                  -6393, -12540, -18205, -23170, -27246, -30274, -32138, 1475};
-constexpr Word16 kIsfStart[16] = {1024, 2048, 3072, 4096, 5120, 6144, 7168, 8192,
-                                  9216, 10240, 11264, 12288, 13312, 14336, 15360, 3840};
 
 constexpr Word16 kPitMin = 34;
 constexpr Word16 kPitFr2 = 128;
@@ -62,7 +50,7 @@ constexpr int16_t kHomingFirstSubframeBits[9] = {63, 81, 100, 108, 116, 128, 136
 // gain bits are not part of the pattern and the whole frame is compared.
 bool isHomingFrame(const uint8_t* bits, int mode, bool firstSubframe) {
   const int16_t* pattern = kHomingPatterns[mode];
-  int count = firstSubframe ? kHomingFirstSubframeBits[mode] : kSpeechBits[mode];
+  int count = firstSubframe ? kHomingFirstSubframeBits[mode] : tables::kSpeechBits[mode];
   if (mode == 8) count = 31 * 15 + 8;
   for (int b = 0; b < count; b++) {
     const int word = b / 15;
@@ -118,9 +106,11 @@ void Decoder::resetSpeech(bool all) {
   std::memset(hfLowMem_, 0, sizeof hfLowMem_);
   std::memset(hp400Mem_, 0, sizeof hp400Mem_);
   for (Word16& l : lagHist_) l = 64;
-  std::memcpy(ispPrev_, kIspStart, sizeof ispPrev_);
-  std::memcpy(isfPrev_, kIsfStart, sizeof isfPrev_);
-  for (int k = 0; k < 3; k++) std::memcpy(isfRecent_ + k * kOrder, kIsfStart, sizeof kIsfStart);
+  std::memcpy(ispPrev_, tables::kIspStart, sizeof ispPrev_);
+  std::memcpy(isfPrev_, tables::kIsfStart, sizeof isfPrev_);
+  for (int k = 0; k < 3; k++) {
+    std::memcpy(isfRecent_ + k * kOrder, tables::kIsfStart, sizeof tables::kIsfStart);
+  }
   deemphMem_ = 0;
   seedErasure_ = seedHf_ = seedLag_ = 21845;
   bfiState_ = 0;
@@ -139,10 +129,10 @@ void Decoder::resetComfortNoise() {
   c.logEn = c.prevLogEn = 3500;
   c.seed = 21845;
   c.histPos = 0;
-  std::memcpy(c.isf, kIsfStart, sizeof c.isf);
-  std::memcpy(c.prevIsf, kIsfStart, sizeof c.prevIsf);
+  std::memcpy(c.isf, tables::kIsfStart, sizeof c.isf);
+  std::memcpy(c.prevIsf, tables::kIsfStart, sizeof c.prevIsf);
   for (int i = 0; i < kHist; i++) {
-    std::memcpy(c.isfHist + i * kOrder, kIsfStart, sizeof kIsfStart);
+    std::memcpy(c.isfHist + i * kOrder, tables::kIsfStart, sizeof tables::kIsfStart);
     c.logEnHist[i] = 3500;
   }
   c.hangoverCount = 7;
@@ -168,7 +158,7 @@ int Decoder::decodeFrame(const uint8_t* frame, size_t bytes, int16_t* out, bool 
   int rxType;
   int mode = prevMode_;
   if (type <= 8) {
-    unsortBits(frame + 1, kSortOrders[type], kSpeechBits[type], bits);
+    unsortBits(frame + 1, tables::kSortOrders[type], tables::kSpeechBits[type], bits);
     rxType = good ? kRxSpeechGood : kRxSpeechBad;
     mode = type;
   } else if (type == 9) {
@@ -289,7 +279,7 @@ void Decoder::decodeParams(int mode, int rxType, const uint8_t* bitArray, int16_
     firstFrame_ = 0;
     std::memcpy(ispPrev_, ispNew, sizeof ispPrev_);
   }
-  interpolateIsp(ispNew, aq);
+  interpolateIsp(ispPrev_, ispNew, aq);
   std::memcpy(ispPrev_, ispNew, sizeof ispPrev_);
 
   // Stability of the envelope: distance between old and new ISFs.
@@ -363,7 +353,7 @@ void Decoder::decodeParams(int mode, int rxType, const uint8_t* bitArray, int16_
     }
 
     // Adaptive codebook, optionally smoothed by the LTP low-pass filter.
-    predictLongTerm(exc + base, t0, t0Frac, kSub + 1);
+    predictLongTerm(exc + base, t0, t0Frac, kSub + 1, true);
     int ltpFilter;
     if (unusable) {
       ltpFilter = 1;
@@ -486,7 +476,7 @@ void Decoder::decodeParams(int mode, int rxType, const uint8_t* bitArray, int16_
         }
       }
     }
-    const Word16 voiceFac = voiceFactor(exc2, -3, gainPit, code, gainCode);
+    const Word16 voiceFac = voiceFactor(exc2, -3, gainPit, code, gainCode, true);
     codeTilt_ = add(shr(voiceFac, 2), 8192);
 
     std::memcpy(exc2, exc + base, kSub * sizeof(Word16));

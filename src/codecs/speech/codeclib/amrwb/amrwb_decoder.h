@@ -18,7 +18,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "../../fixedpoint/basic_ops.h"
+#include "amrwb_dsp.h"
 
 namespace quillon::amrwb {
 
@@ -37,7 +37,7 @@ inline int frameTypeOf(uint8_t toc) { return (toc >> 3) & 0x0f; }
 int frameBytesForType(int frameType);
 inline int frameBytesForToc(uint8_t toc) { return frameBytesForType(frameTypeOf(toc)); }
 
-class Decoder : private fx::BasicOps {
+class Decoder : private Dsp {
  public:
   Decoder();
 
@@ -54,11 +54,6 @@ class Decoder : private fx::BasicOps {
   int decodeFrame(const uint8_t* frame, size_t bytes, int16_t* out, bool badFrame = false);
 
  private:
-  static constexpr int kOrder = 16;       // LP order at 12.8 kHz
-  static constexpr int kOrderHf = 20;     // LP order of the 16 kHz HF synthesis
-  static constexpr int kSub = 64;         // subframe at 12.8 kHz
-  static constexpr int kSub16 = 80;       // subframe at 16 kHz
-  static constexpr int kFrame = 256;      // frame at 12.8 kHz
   static constexpr int kPitMax = 231;
   static constexpr int kInterp = 17;
   static constexpr int kExcHist = kPitMax + kInterp;
@@ -107,24 +102,14 @@ class Decoder : private fx::BasicOps {
 
   // Spectral envelope
   void decodeIsf(const Word16* ind, Word16* isf, bool bfi, bool split36);
-  void decodeNoiseIsf(const Word16* ind, Word16* isf);
-  static void reorderIsf(Word16* isf, Word16 minDist, int n);
-  void isfToIsp(const Word16* isf, Word16* isp, int m);
-  void ispPolynomial(const Word16* isp, Word32* f, int n, Word16 unit);
-  void ispToLpc(const Word16* isp, Word16* a, int m, bool adaptiveScaling);
-  void interpolateIsp(const Word16* ispNew, Word16* az);
   void extrapolateIsf(Word16* hfIsf);
-  void weightLpc(const Word16* a, Word16* ap, Word16 gamma, int m);
 
   // Excitation
   static void decodePulses2Track(Word16 index, Word16* code);
   static void decodePulses4Track(const Word16* index, int nbits, Word16* code);
   void lagConcealment(Word16& t0, bool unusable);
-  void predictLongTerm(Word16* exc, Word16 t0, Word16 frac, int len);
   void decodeGains(Word16 index, int nbits, const Word16* code, Word16& gainPit,
                    Word32& gainCode, bool bfi, bool unusable);
-  Word16 voiceFactor(const Word16* exc, Word16 qExc, Word16 gainPit, const Word16* code,
-                     Word16 gainCode);
   void disperse(Word16 gainCode, Word16 gainPit, Word16* code, int level);
   void agc(const Word16* sigIn, Word16* sigOut, int n);
 
@@ -140,15 +125,6 @@ class Decoder : private fx::BasicOps {
   void scaleSignal(Word16* x, int n, Word16 exp);
 
   // Arithmetic helpers
-  Word32 dotProduct12(const Word16* x, const Word16* y, int n, Word16& exp);
-  void isqrtNorm(Word32& frac, Word16& exp);
-  Word32 isqrt(Word32 x);
-  Word32 pow2(Word16 exponent, Word16 fraction);
-  void log2(Word32 x, Word16& exponent, Word16& fraction);
-  static Word16 nextRandom(Word16& seed) {
-    seed = static_cast<Word16>(seed * 31821 + 13849);
-    return seed;
-  }
 
   // ---- state ----
   Word16 excHist_[kExcHist];

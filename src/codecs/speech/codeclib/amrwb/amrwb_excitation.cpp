@@ -271,10 +271,10 @@ void Decoder::lagConcealment(Word16& t0, bool unusable) {
 }
 
 // Adaptive codebook vector: past excitation at a 1/4-sample lag,
-// interpolated with a 32-tap filter. The sum is exact (the largest
-// |coefficient| sum of a phase, 35692, keeps it below 2^31); the result is
-// rounded and truncated to 16 bits as in the peer decoder.
-void Decoder::predictLongTerm(Word16* exc, Word16 t0, Word16 frac, int len) {
+// interpolated with a 32-tap filter. With `wrap` the sum is exact (the
+// largest |coefficient| sum of a phase, 35692, keeps it below 2^31) and the
+// result is rounded and truncated to 16 bits as in the peer decoder.
+void Dsp::predictLongTerm(Word16* exc, Word16 t0, Word16 frac, int len, bool wrap) {
   const Word16* x = exc - t0;
   frac = negate(frac);
   if (frac < 0) {
@@ -284,9 +284,15 @@ void Decoder::predictLongTerm(Word16* exc, Word16 t0, Word16 frac, int len) {
   x -= 15;
   const int16_t* c = tables::kPitchInterp + (3 - frac);
   for (int j = 0; j < len; j++) {
-    int32_t acc = 0x2000;
-    for (int i = 0; i < 32; i++) acc += static_cast<int32_t>(x[j + i]) * c[4 * i];
-    exc[j] = static_cast<Word16>(acc >> 14);
+    if (wrap) {
+      int32_t acc = 0x2000;
+      for (int i = 0; i < 32; i++) acc += static_cast<int32_t>(x[j + i]) * c[4 * i];
+      exc[j] = static_cast<Word16>(acc >> 14);
+    } else {
+      Word32 acc = 0;
+      for (int i = 0; i < 32; i++) acc = L_mac(acc, x[j + i], c[4 * i]);
+      exc[j] = round(L_shl(acc, 1));
+    }
   }
 }
 
@@ -364,8 +370,8 @@ void Decoder::decodeGains(Word16 index, int nbits, const Word16* code, Word16& g
   pastQuaEn_[0] = extract_l(L_shr(q, 3));
 }
 
-Word16 Decoder::voiceFactor(const Word16* exc, Word16 qExc, Word16 gainPit, const Word16* code,
-                            Word16 gainCode) {
+Word16 Dsp::voiceFactor(const Word16* exc, Word16 qExc, Word16 gainPit, const Word16* code,
+                        Word16 gainCode, bool wrap) {
   Word16 exp1, exp2;
   Word16 ener1 = extract_h(dotProduct12(exc, exc, kSub, exp1));
   exp1 = sub(exp1, add(qExc, qExc));
@@ -382,9 +388,18 @@ Word16 Decoder::voiceFactor(const Word16* exc, Word16 qExc, Word16 gainPit, cons
   ener2 = mult(ener2, tmp);
   exp2 = sub(exp2, add(exp, exp));
 
-  // Alignment shifts count modulo 32, as the peer decoder's do.
   const int d = exp1 - exp2;
-  if (d >= 0) {
+  if (!wrap) {
+    const Word16 i = sub(exp1, exp2);
+    if (i >= 0) {
+      ener1 = shr(ener1, 1);
+      ener2 = shr(ener2, add(i, 1));
+    } else {
+      ener1 = shr(ener1, sub(1, i));
+      ener2 = shr(ener2, 1);
+    }
+  } else if (d >= 0) {
+    // Alignment shifts count modulo 32, as the peer decoder's do.
     ener1 = static_cast<Word16>(ener1 >> 1);
     ener2 = static_cast<Word16>(ener2 >> ((d + 1) & 31));
   } else {
@@ -471,7 +486,7 @@ void Decoder::agc(const Word16* sigIn, Word16* sigOut, int n) {
 
 // ---- math helpers ------------------------------------------------------
 
-Word32 Decoder::dotProduct12(const Word16* x, const Word16* y, int n, Word16& exp) {
+Word32 Dsp::dotProduct12(const Word16* x, const Word16* y, int n, Word16& exp) {
   Word32 sum = 1;
   for (int i = 0; i < n; i++) sum = L_mac(sum, x[i], y[i]);
   const Word16 sft = norm_l(sum);
@@ -479,7 +494,7 @@ Word32 Decoder::dotProduct12(const Word16* x, const Word16* y, int n, Word16& ex
   return L_shl(sum, sft);
 }
 
-void Decoder::isqrtNorm(Word32& frac, Word16& exp) {
+void Dsp::isqrtNorm(Word32& frac, Word16& exp) {
   if (frac <= 0) {
     exp = 0;
     frac = fx::MAX_32;
@@ -495,7 +510,7 @@ void Decoder::isqrtNorm(Word32& frac, Word16& exp) {
   frac = L_msu(L_deposit_h(tables::kInvSqrtGrid[i]), d, a);
 }
 
-Word32 Decoder::isqrt(Word32 x) {
+Word32 Dsp::isqrt(Word32 x) {
   Word16 exp = norm_l(x);
   x = L_shl(x, exp);
   exp = sub(31, exp);
@@ -503,7 +518,7 @@ Word32 Decoder::isqrt(Word32 x) {
   return shiftLeft16(x, exp);
 }
 
-Word32 Decoder::pow2(Word16 exponent, Word16 fraction) {
+Word32 Dsp::pow2(Word16 exponent, Word16 fraction) {
   Word32 x = L_mult(fraction, 32);
   const Word16 i = extract_h(x);
   x = L_shr(x, 1);
@@ -513,7 +528,7 @@ Word32 Decoder::pow2(Word16 exponent, Word16 fraction) {
   return L_shr_r(x, sub(30, exponent));
 }
 
-void Decoder::log2(Word32 x, Word16& exponent, Word16& fraction) {
+void Dsp::log2(Word32 x, Word16& exponent, Word16& fraction) {
   const Word16 n = norm_l(x);
   x = L_shl(x, n);
   if (x <= 0) {

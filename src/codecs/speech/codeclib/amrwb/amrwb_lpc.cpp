@@ -11,11 +11,10 @@ namespace {
 constexpr Word16 kPredFactor = 10923;   // 1/3, MA prediction of the ISF residual
 constexpr Word16 kConcealKeep = 29491;  // 0.9, weight of the last ISFs on erasure
 constexpr Word16 kConcealMean = 32768 - 29491;
-constexpr Word16 kIsfGap = 128;
 constexpr Word16 kSubframeFrac[3] = {14746, 26214, 31457};
 }  // namespace
 
-void Decoder::reorderIsf(Word16* isf, Word16 minDist, int n) {
+void Dsp::reorderIsf(Word16* isf, Word16 minDist, int n) {
   Word32 floor = minDist;
   for (int i = 0; i < n - 1; i++) {
     if (isf[i] < floor) isf[i] = static_cast<Word16>(floor);
@@ -24,49 +23,55 @@ void Decoder::reorderIsf(Word16* isf, Word16 minDist, int n) {
   }
 }
 
-void Decoder::decodeIsf(const Word16* ind, Word16* isfQ, bool bfi, bool split36) {
+void Dsp::dequantiseIsf(const Word16* ind, Word16* isfQ, Word16* predRes, bool split36) {
   using namespace tables;
-  if (!bfi) {
-    for (int i = 0; i < 9; i++) isfQ[i] = kIsfStage1Low[ind[0] * 9 + i];
-    for (int i = 0; i < 7; i++) isfQ[9 + i] = kIsfStage1High[ind[1] * 7 + i];
-    if (split36) {
-      for (int i = 0; i < 5; i++) isfQ[i] = add(isfQ[i], kIsf36Split1[ind[2] * 5 + i]);
-      for (int i = 0; i < 4; i++) isfQ[5 + i] = add(isfQ[5 + i], kIsf36Split2[ind[3] * 4 + i]);
-      for (int i = 0; i < 7; i++) isfQ[9 + i] = add(isfQ[9 + i], kIsf36Split3[ind[4] * 7 + i]);
-    } else {
-      for (int i = 0; i < 3; i++) isfQ[i] = add(isfQ[i], kIsf46Split1[ind[2] * 3 + i]);
-      for (int i = 0; i < 3; i++) isfQ[3 + i] = add(isfQ[3 + i], kIsf46Split2[ind[3] * 3 + i]);
-      for (int i = 0; i < 3; i++) isfQ[6 + i] = add(isfQ[6 + i], kIsf46Split3[ind[4] * 3 + i]);
-      for (int i = 0; i < 3; i++) isfQ[9 + i] = add(isfQ[9 + i], kIsf46Split4[ind[5] * 3 + i]);
-      for (int i = 0; i < 4; i++) isfQ[12 + i] = add(isfQ[12 + i], kIsf46Split5[ind[6] * 4 + i]);
-    }
-    for (int i = 0; i < kOrder; i++) {
-      const Word16 residual = isfQ[i];
-      isfQ[i] = add(add(residual, kIsfMean[i]), mult(kPredFactor, isfPredRes_[i]));
-      isfPredRes_[i] = residual;
-    }
-    // Keep the last three good ISF vectors for concealment.
-    std::memmove(isfRecent_ + kOrder, isfRecent_, 2 * kOrder * sizeof(Word16));
-    std::memcpy(isfRecent_, isfQ, kOrder * sizeof(Word16));
+  for (int i = 0; i < 9; i++) isfQ[i] = kIsfStage1Low[ind[0] * 9 + i];
+  for (int i = 0; i < 7; i++) isfQ[9 + i] = kIsfStage1High[ind[1] * 7 + i];
+  if (split36) {
+    for (int i = 0; i < 5; i++) isfQ[i] = add(isfQ[i], kIsf36Split1[ind[2] * 5 + i]);
+    for (int i = 0; i < 4; i++) isfQ[5 + i] = add(isfQ[5 + i], kIsf36Split2[ind[3] * 4 + i]);
+    for (int i = 0; i < 7; i++) isfQ[9 + i] = add(isfQ[9 + i], kIsf36Split3[ind[4] * 7 + i]);
   } else {
-    Word16 ref[kOrder];
-    for (int i = 0; i < kOrder; i++) {
-      Word32 acc = L_mult(kIsfMean[i], 8192);
-      for (int j = 0; j < 3; j++) acc = L_mac(acc, isfRecent_[j * kOrder + i], 8192);
-      ref[i] = round(acc);
-    }
-    for (int i = 0; i < kOrder; i++) {
-      isfQ[i] = add(mult(kConcealKeep, isfPrev_[i]), mult(kConcealMean, ref[i]));
-    }
-    for (int i = 0; i < kOrder; i++) {
-      const Word16 predicted = add(ref[i], mult(isfPredRes_[i], kPredFactor));
-      isfPredRes_[i] = shr(sub(isfQ[i], predicted), 1);
-    }
+    for (int i = 0; i < 3; i++) isfQ[i] = add(isfQ[i], kIsf46Split1[ind[2] * 3 + i]);
+    for (int i = 0; i < 3; i++) isfQ[3 + i] = add(isfQ[3 + i], kIsf46Split2[ind[3] * 3 + i]);
+    for (int i = 0; i < 3; i++) isfQ[6 + i] = add(isfQ[6 + i], kIsf46Split3[ind[4] * 3 + i]);
+    for (int i = 0; i < 3; i++) isfQ[9 + i] = add(isfQ[9 + i], kIsf46Split4[ind[5] * 3 + i]);
+    for (int i = 0; i < 4; i++) isfQ[12 + i] = add(isfQ[12 + i], kIsf46Split5[ind[6] * 4 + i]);
+  }
+  for (int i = 0; i < kOrder; i++) {
+    const Word16 residual = isfQ[i];
+    isfQ[i] = add(add(residual, kIsfMean[i]), mult(kPredFactor, predRes[i]));
+    predRes[i] = residual;
   }
   reorderIsf(isfQ, kIsfGap, kOrder);
 }
 
-void Decoder::decodeNoiseIsf(const Word16* ind, Word16* isf) {
+void Decoder::decodeIsf(const Word16* ind, Word16* isfQ, bool bfi, bool split36) {
+  using namespace tables;
+  if (!bfi) {
+    dequantiseIsf(ind, isfQ, isfPredRes_, split36);
+    // Keep the last three good ISF vectors for concealment.
+    std::memmove(isfRecent_ + kOrder, isfRecent_, 2 * kOrder * sizeof(Word16));
+    std::memcpy(isfRecent_, isfQ, kOrder * sizeof(Word16));
+    return;
+  }
+  Word16 ref[kOrder];
+  for (int i = 0; i < kOrder; i++) {
+    Word32 acc = L_mult(kIsfMean[i], 8192);
+    for (int j = 0; j < 3; j++) acc = L_mac(acc, isfRecent_[j * kOrder + i], 8192);
+    ref[i] = round(acc);
+  }
+  for (int i = 0; i < kOrder; i++) {
+    isfQ[i] = add(mult(kConcealKeep, isfPrev_[i]), mult(kConcealMean, ref[i]));
+  }
+  for (int i = 0; i < kOrder; i++) {
+    const Word16 predicted = add(ref[i], mult(isfPredRes_[i], kPredFactor));
+    isfPredRes_[i] = shr(sub(isfQ[i], predicted), 1);
+  }
+  reorderIsf(isfQ, kIsfGap, kOrder);
+}
+
+void Dsp::dequantiseNoiseIsf(const Word16* ind, Word16* isf) {
   using namespace tables;
   for (int i = 0; i < 2; i++) isf[i] = kNoiseIsf1[ind[0] * 2 + i];
   for (int i = 0; i < 3; i++) isf[2 + i] = kNoiseIsf2[ind[1] * 3 + i];
@@ -77,7 +82,7 @@ void Decoder::decodeNoiseIsf(const Word16* ind, Word16* isf) {
   reorderIsf(isf, kIsfGap, kOrder);
 }
 
-void Decoder::isfToIsp(const Word16* isf, Word16* isp, int m) {
+void Dsp::isfToIsp(const Word16* isf, Word16* isp, int m) {
   Word16 v[kOrderHf];
   for (int i = 0; i < m - 1; i++) v[i] = isf[i];
   v[m - 1] = shl(isf[m - 1], 1);
@@ -95,7 +100,7 @@ void Decoder::isfToIsp(const Word16* isf, Word16* isp, int m) {
 
 // Polynomial of the ISPs of one parity (every second ISP starting at
 // isp[0]) in Q23 (unit 1024) or Q21 (unit 256, for order 20).
-void Decoder::ispPolynomial(const Word16* isp, Word32* f, int n, Word16 unit) {
+void Dsp::ispPolynomial(const Word16* isp, Word32* f, int n, Word16 unit) {
   const Word16 step = static_cast<Word16>(unit >> 2);
   f[0] = L_mult(4096, unit);
   f[1] = L_mult(isp[0], negate(step));
@@ -112,7 +117,7 @@ void Decoder::ispPolynomial(const Word16* isp, Word32* f, int n, Word16 unit) {
   }
 }
 
-void Decoder::ispToLpc(const Word16* isp, Word16* a, int m, bool adaptiveScaling) {
+void Dsp::ispToLpc(const Word16* isp, Word16* a, int m, bool adaptiveScaling) {
   Word32 f1[11], f2[10];
   const int nc = m >> 1;
   const bool wide = nc > 8;
@@ -160,13 +165,13 @@ void Decoder::ispToLpc(const Word16* isp, Word16* a, int m, bool adaptiveScaling
   a[m] = shr_r(last, add(3, q));
 }
 
-void Decoder::interpolateIsp(const Word16* ispNew, Word16* az) {
+void Dsp::interpolateIsp(const Word16* ispOld, const Word16* ispNew, Word16* az) {
   Word16 isp[kOrder];
   for (int k = 0; k < 3; k++) {
     const Word16 facNew = kSubframeFrac[k];
     const Word16 facOld = add(sub(32767, facNew), 1);
     for (int i = 0; i < kOrder; i++) {
-      isp[i] = round(L_mac(L_mult(ispPrev_[i], facOld), ispNew[i], facNew));
+      isp[i] = round(L_mac(L_mult(ispOld[i], facOld), ispNew[i], facNew));
     }
     ispToLpc(isp, az, kOrder, false);
     az += kOrder + 1;
@@ -174,7 +179,7 @@ void Decoder::interpolateIsp(const Word16* ispNew, Word16* az) {
   ispToLpc(ispNew, az, kOrder, false);
 }
 
-void Decoder::weightLpc(const Word16* a, Word16* ap, Word16 gamma, int m) {
+void Dsp::weightLpc(const Word16* a, Word16* ap, Word16 gamma, int m) {
   ap[0] = a[0];
   Word16 fac = gamma;
   for (int i = 1; i < m; i++) {

@@ -11,9 +11,6 @@ namespace quillon::amrwb {
 using namespace overflow;
 
 namespace {
-// Gain of the HF band at 23.85 kbit/s, by its 4-bit index.
-constexpr Word16 kHfGain[16] = {3624,  4673,  5597,  6479,  7425,  8378,  9324,  10264,
-                                11210, 12206, 13391, 14844, 16770, 19655, 24289, 32728};
 constexpr Word16 kDeemphFac = 22282;
 }  // namespace
 
@@ -223,7 +220,7 @@ void Decoder::synthesise(const Word16* aq, Word16* exc, Word16 qNew, Word16* out
   if (tmp < 3277) tmp = 3277;
 
   if (mode == 8 && !bfi) {
-    const Word16 corr = kHfGain[hfGainIndex];
+    const Word16 corr = tables::kHfGain[hfGainIndex];
     for (int i = 0; i < kSub16; i++) hf[i] = static_cast<Word16>(mult(hf[i], corr) * 2);
   } else {
     for (int i = 0; i < kSub16; i++) hf[i] = mult(hf[i], tmp);

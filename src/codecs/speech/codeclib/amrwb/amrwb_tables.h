@@ -55,6 +55,23 @@ extern const int16_t kHomingMode6[27];
 extern const int16_t kHomingMode7[31];
 extern const int16_t kHomingMode8[32];
 
+// Frame layout and start-up state shared by decoder and encoder
+extern const int16_t kSpeechBits[9];          // speech bits per mode
+extern const int16_t* const kSortOrders[9];   // bit importance order per mode
+extern const int16_t kIspStart[16];           // ISPs and ISFs of a reset codec
+extern const int16_t kIsfStart[16];
+
+// Encoder analysis tables
+extern const int16_t kLpcWindow[384];
+extern const int16_t kLagWindowHi[16];
+extern const int16_t kLagWindowLo[16];
+extern const int16_t kChebyshevGrid[101];
+extern const int16_t kAcosSlope[128];
+extern const int16_t kOpenLoopWeight[199];
+extern const int16_t kDecimationFir[120];
+extern const int16_t kPitchCorrInterp[32];
+extern const int16_t kHfGain[16];
+
 }  // namespace quillon::amrwb::tables
 
 #endif
