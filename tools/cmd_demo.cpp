@@ -140,57 +140,70 @@ int runDemoCommand(int argc, char** argv) {
   std::printf("%-12s %-14s %9s %8s %10s %10s %8s\n", "codec", "stream", "bytes", "kbit/s", "encode", "decode",
               "SNR dB");
 
+  struct DemoStream {
+    std::vector<uint8_t> bytes;
+    std::string origin;
+    double encodeSeconds = 0;
+  };
   for (const CodecName& c : codecNames()) {
     if (c.code == CT_PCM16 || c.code == CT_PCM16_16K) continue;
     const AudioFormat format(c.code, 1);
     const uint32_t rate = format.getSamplesPerSecond();
     const std::vector<int16_t>& source = rate == 16000 ? clip16 : clip8;
-    std::vector<uint8_t> stream;
-    double encodeSeconds = 0;
-    std::string origin;
-    if (encodeClip(c.code, source, rate, stream, encodeSeconds)) {
-      origin = "encoded";
-    } else if (const EmbeddedFile* shipped = findEmbeddedFile((std::string("streams/") + c.name + ".raw").c_str())) {
-      // Decode-only codecs: streams of the clip made by Debian tools
-      // (tools/scripts/make_*_demo.sh) are built in.
-      stream.assign(shipped->data, shipped->data + shipped->size);
-      origin = "built in";
-    } else {
-      stream.clear();
-      if (!makeDemoStream(c.code, clip16, stream)) continue;  // no way to make a stream in this build
-      origin = "generated";
+    std::vector<DemoStream> streams;
+    DemoStream encoded;
+    if (encodeClip(c.code, source, rate, encoded.bytes, encoded.encodeSeconds)) {
+      encoded.origin = "encoded";
+      streams.push_back(std::move(encoded));
     }
-    writeStream(dir / (std::string(c.name) + (c.code == CT_G711_ALAW || c.code == CT_G711_ULAW || c.code == CT_PCM8 || c.code == CT_MSADPCM ? "-stream.wav" : "-stream.raw")), c.code, stream);
+    // Streams of the clip made by Debian tools (tools/scripts/make_*_demo.sh).
+    if (const EmbeddedFile* shipped = findEmbeddedFile((std::string("streams/") + c.name + ".raw").c_str()))
+      streams.push_back({std::vector<uint8_t>(shipped->data, shipped->data + shipped->size), "built in", 0});
+    if (streams.empty()) {
+      DemoStream generated;
+      if (!makeDemoStream(c.code, clip16, generated.bytes)) continue;  // no way to make a stream in this build
+      generated.origin = "generated";
+      streams.push_back(std::move(generated));
+    }
 
-    std::vector<int16_t> decoded;
-    double decodeSeconds = 0;
-    // Some encode-only classes open for decoding but produce nothing.
-    const bool canDecode = decodeStream(c.code, 0, stream, decoded, decodeSeconds) && !decoded.empty();
-    std::string snr = "-";
-    if (canDecode) {
-      writeWave(dir / (std::string(c.name) + "-decoded.wav"), decoded, rate);
-      if (isWaveformCodec(c.code)) {
-        char text[16];
-        std::snprintf(text, sizeof text, "%.1f", snrDb(source, decoded));
-        snr = text;
-      }
-    }
-    std::printf("%-12s %-14s %9zu %8.1f %10s %10s %8s\n", c.name, origin.c_str(), stream.size(),
-                stream.size() * 8 / audioSeconds / 1000, origin == "encoded" ? speed(audioSeconds, encodeSeconds).c_str() : "-",
-                canDecode ? speed(audioSeconds, decodeSeconds).c_str() : "no decoder", snr.c_str());
-    if (canDecode && rate == 16000) {  // the same stream halved to 8 kHz
-      std::vector<int16_t> narrow;
-      double t = 0;
-      if (decodeStream(c.code, 8000, stream, narrow, t)) {
-        writeWave(dir / (std::string(c.name) + "-decoded-8k.wav"), narrow, 8000);
-        std::string narrowSnr = "-";
+    for (size_t k = 0; k < streams.size(); k++) {
+      const DemoStream& ds = streams[k];
+      const std::vector<uint8_t>& stream = ds.bytes;
+      const std::string base = std::string(c.name) + (k == 0 ? "" : "-" + std::to_string(k + 1));
+      const bool wave = c.code == CT_G711_ALAW || c.code == CT_G711_ULAW || c.code == CT_PCM8 || c.code == CT_MSADPCM;
+      writeStream(dir / (base + (wave ? "-stream.wav" : "-stream.raw")), c.code, stream);
+
+      std::vector<int16_t> decoded;
+      double decodeSeconds = 0;
+      // Some encode-only classes open for decoding but produce nothing.
+      const bool canDecode = decodeStream(c.code, 0, stream, decoded, decodeSeconds) && !decoded.empty();
+      std::string snr = "-";
+      if (canDecode) {
+        writeWave(dir / (base + "-decoded.wav"), decoded, rate);
         if (isWaveformCodec(c.code)) {
           char text[16];
-          std::snprintf(text, sizeof text, "%.1f", snrDb(clip8, narrow));
-          narrowSnr = text;
+          std::snprintf(text, sizeof text, "%.1f", snrDb(source, decoded));
+          snr = text;
         }
-        std::printf("%-12s %-14s %9s %8s %10s %10s %8s\n", "", "  at 8000 Hz", "", "", "",
-                    speed(audioSeconds, t).c_str(), narrowSnr.c_str());
+      }
+      std::printf("%-12s %-14s %9zu %8.1f %10s %10s %8s\n", k == 0 ? c.name : "", ds.origin.c_str(), stream.size(),
+                  stream.size() * 8 / audioSeconds / 1000,
+                  ds.origin == "encoded" ? speed(audioSeconds, ds.encodeSeconds).c_str() : "-",
+                  canDecode ? speed(audioSeconds, decodeSeconds).c_str() : "no decoder", snr.c_str());
+      if (canDecode && rate == 16000) {  // the same stream halved to 8 kHz
+        std::vector<int16_t> narrow;
+        double t = 0;
+        if (decodeStream(c.code, 8000, stream, narrow, t)) {
+          writeWave(dir / (base + "-decoded-8k.wav"), narrow, 8000);
+          std::string narrowSnr = "-";
+          if (isWaveformCodec(c.code)) {
+            char text[16];
+            std::snprintf(text, sizeof text, "%.1f", snrDb(clip8, narrow));
+            narrowSnr = text;
+          }
+          std::printf("%-12s %-14s %9s %8s %10s %10s %8s\n", "", "  at 8000 Hz", "", "", "",
+                      speed(audioSeconds, t).c_str(), narrowSnr.c_str());
+        }
       }
     }
   }
