@@ -1266,22 +1266,7 @@ int Encoder::analyse(Word16* prm) {
 
     Word16 frac;
     const Word16 t0 = closedLoopPitch(exc + off, xn, h1, t0Min, t0Max, sf == 0, frac);
-    // Lag index; the first subframe also sets the search range of the second.
-    Word16 index;
-    if (sf == 0) {
-      index = t0 <= 85 ? add(sub(add(add(t0, t0), t0), 58), frac) : add(t0, 112);
-      t0Min = sub(t0, 5);
-      if (t0Min < kPitchMin) t0Min = kPitchMin;
-      t0Max = add(t0Min, 9);
-      if (t0Max > kPitchMax) {
-        t0Max = kPitchMax;
-        t0Min = sub(t0Max, 9);
-      }
-    } else {
-      Word16 i = sub(t0, t0Min);
-      i = add(add(i, i), i);
-      index = add(add(i, 2), frac);
-    }
+    const Word16 index = lagIndex(t0, frac, sf == 0, t0Min, t0Max);
     *out++ = index;
     if (sf == 0) *out++ = pitchParity(index);
 
@@ -1358,6 +1343,25 @@ int Encoder::silentFrameAnnexA(Word16* sid) {
   std::memmove(m_wspBuf, m_wspBuf + kFrame, kPitchMax * sizeof(Word16));
   std::memmove(m_excBuf, m_excBuf + kFrame, kExcHist * sizeof(Word16));
   return type;
+}
+
+// The transmitted pitch lag: absolute in the first subframe (which also
+// sets the search range of the second), relative to that range in the second.
+Word16 Encoder::lagIndex(Word16 t0, Word16 frac, bool firstSubframe, Word16& t0Min, Word16& t0Max) {
+  if (!firstSubframe) {
+    Word16 i = sub(t0, t0Min);
+    i = add(add(i, i), i);
+    return add(add(i, 2), frac);
+  }
+  const Word16 index = t0 <= 85 ? add(sub(add(add(t0, t0), t0), 58), frac) : add(t0, 112);
+  t0Min = sub(t0, 5);
+  if (t0Min < kPitchMin) t0Min = kPitchMin;
+  t0Max = add(t0Min, 9);
+  if (t0Max > kPitchMax) {
+    t0Max = kPitchMax;
+    t0Min = sub(t0Max, 9);
+  }
+  return index;
 }
 
 }  // namespace quillon::g729a

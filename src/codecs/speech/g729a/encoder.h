@@ -77,6 +77,7 @@ class Encoder : private Dsp {
   void quantiseLsp(const Word16* lsp, Word16* lspQ, Word16* prm);
   Word16 openLoopPitch(const Word16* wsp);
   void correlateTarget(const Word16* h, const Word16* x, Word16* d);
+  Word16 lagIndex(Word16 t0, Word16 frac, bool firstSubframe, Word16& t0Min, Word16& t0Max);
   Word16 closedLoopPitch(Word16* exc, const Word16* xn, const Word16* h, Word16 t0Min, Word16 t0Max, bool first,
                          Word16& frac);
   Word16 pitchGain(const Word16* xn, const Word16* y1, Word16* gCoeff);

@@ -480,21 +480,7 @@ int Encoder::analyseMain(Word16* prm) {
 
     Word16 frac;
     const Word16 t0 = closedLoopPitchFull(exc + off, xn, h1, t0Min, t0Max, sf == 0, frac);
-    Word16 index;
-    if (sf == 0) {
-      index = t0 <= 85 ? add(sub(add(add(t0, t0), t0), 58), frac) : add(t0, 112);
-      t0Min = sub(t0, 5);
-      if (t0Min < kPitchMin) t0Min = kPitchMin;
-      t0Max = add(t0Min, 9);
-      if (t0Max > kPitchMax) {
-        t0Max = kPitchMax;
-        t0Min = sub(t0Max, 9);
-      }
-    } else {
-      Word16 i = sub(t0, t0Min);
-      i = add(add(i, i), i);
-      index = add(add(i, 2), frac);
-    }
+    const Word16 index = lagIndex(t0, frac, sf == 0, t0Min, t0Max);
     *out++ = index;
     if (sf == 0) *out++ = pitchParity(index);
 
