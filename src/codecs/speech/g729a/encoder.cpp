@@ -1284,36 +1284,11 @@ int Encoder::analyse(Word16* prm) {
     *out++ = searchCodebook(xn2, h1, t0, m_sharp, code, y2, sign);
     *out++ = sign;
 
-    Word16 g[5], expG[5];
-    g[0] = gCoeff[0];
-    expG[0] = negate(gCoeff[1]);
-    g[1] = negate(gCoeff[2]);
-    expG[1] = negate(add(gCoeff[3], 1));
-    correlateGains(xn, y1, y2, g, expG);
     Word16 gainCode;
-    *out++ = quantiseGains(code, g, expG, taming, gainPit, gainCode);
-
-    m_sharp = gainPit;
-    if (m_sharp > kSharpMax) m_sharp = kSharpMax;
-    if (m_sharp < kSharpMin) m_sharp = kSharpMin;
-
-    for (int i = 0; i < kSubframe; i++) {
-      Word32 t = L_mult(exc[off + i], gainPit);
-      t = L_mac(t, code[i], gainCode);
-      t = L_shl(t, 1);
-      exc[off + i] = round(t);
-    }
-    updateTaming(gainPit, t0);
-    for (int i = kSubframe - kOrder, j = 0; i < kSubframe; i++, j++) {
-      const Word16 tp = extract_h(L_shl(L_mult(y1[i], gainPit), 1));
-      const Word16 tc = extract_h(L_shl(L_mult(y2[i], gainCode), 2));
-      m_memW0[j] = sub(xn[i], add(tp, tc));
-    }
+    *out++ = applyGains(xn, y1, y2, code, gCoeff, taming, t0, exc + off, gainPit, gainCode);
+    updateWeightingMemory(xn, y1, y2, gainPit, gainCode);
   }
-
-  std::memmove(m_speech, m_speech + kFrame, (kWindow - kFrame) * sizeof(Word16));
-  std::memmove(m_wspBuf, m_wspBuf + kFrame, kPitchMax * sizeof(Word16));
-  std::memmove(m_excBuf, m_excBuf + kFrame, kExcHist * sizeof(Word16));
+  shiftHistory();
   return 1;
 }
 
@@ -1339,10 +1314,51 @@ int Encoder::silentFrameAnnexA(Word16* sid) {
     synthesis(ap, xn, xn, kSubframe, m_memW0, true);
   }
   m_sharp = kSharpMin;
+  shiftHistory();
+  return type;
+}
+
+// The gains of a subframe: quantised (the index is returned), then the
+// pitch sharpening, the excitation and the taming history follow from them.
+Word16 Encoder::applyGains(const Word16* xn, const Word16* y1, const Word16* y2, const Word16* code,
+                           const Word16* gCoeff, bool taming, Word16 t0, Word16* exc, Word16& gainPit,
+                           Word16& gainCode) {
+  Word16 g[5], expG[5];
+  g[0] = gCoeff[0];
+  expG[0] = negate(gCoeff[1]);
+  g[1] = negate(gCoeff[2]);
+  expG[1] = negate(add(gCoeff[3], 1));
+  correlateGains(xn, y1, y2, g, expG);
+  const Word16 index = quantiseGains(code, g, expG, taming, gainPit, gainCode);
+
+  m_sharp = gainPit;
+  if (m_sharp > kSharpMax) m_sharp = kSharpMax;
+  if (m_sharp < kSharpMin) m_sharp = kSharpMin;
+
+  for (int i = 0; i < kSubframe; i++) {
+    Word32 t = L_mult(exc[i], gainPit);
+    t = L_mac(t, code[i], gainCode);
+    exc[i] = round(L_shl(t, 1));
+  }
+  updateTaming(gainPit, t0);
+  return index;
+}
+
+// The weighting filter's memory: the target less both filtered contributions.
+void Encoder::updateWeightingMemory(const Word16* xn, const Word16* y1, const Word16* y2, Word16 gainPit,
+                                    Word16 gainCode) {
+  for (int i = kSubframe - kOrder, j = 0; i < kSubframe; i++, j++) {
+    const Word16 tp = extract_h(L_shl(L_mult(y1[i], gainPit), 1));
+    const Word16 tc = extract_h(L_shl(L_mult(y2[i], gainCode), 2));
+    m_memW0[j] = sub(xn[i], add(tp, tc));
+  }
+}
+
+// The frame's speech, weighted speech and excitation move into the history.
+void Encoder::shiftHistory() {
   std::memmove(m_speech, m_speech + kFrame, (kWindow - kFrame) * sizeof(Word16));
   std::memmove(m_wspBuf, m_wspBuf + kFrame, kPitchMax * sizeof(Word16));
   std::memmove(m_excBuf, m_excBuf + kFrame, kExcHist * sizeof(Word16));
-  return type;
 }
 
 // The transmitted pitch lag: absolute in the first subframe (which also

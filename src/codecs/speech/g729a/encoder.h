@@ -77,6 +77,10 @@ class Encoder : private Dsp {
   void quantiseLsp(const Word16* lsp, Word16* lspQ, Word16* prm);
   Word16 openLoopPitch(const Word16* wsp);
   void correlateTarget(const Word16* h, const Word16* x, Word16* d);
+  Word16 applyGains(const Word16* xn, const Word16* y1, const Word16* y2, const Word16* code, const Word16* gCoeff,
+                    bool taming, Word16 t0, Word16* exc, Word16& gainPit, Word16& gainCode);
+  void updateWeightingMemory(const Word16* xn, const Word16* y1, const Word16* y2, Word16 gainPit, Word16 gainCode);
+  void shiftHistory();
   Word16 lagIndex(Word16 t0, Word16 frac, bool firstSubframe, Word16& t0Min, Word16& t0Max);
   Word16 closedLoopPitch(Word16* exc, const Word16* xn, const Word16* h, Word16 t0Min, Word16 t0Max, bool first,
                          Word16& frac);

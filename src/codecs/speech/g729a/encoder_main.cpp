@@ -496,38 +496,14 @@ int Encoder::analyseMain(Word16* prm) {
     *out++ = searchCodebookFull(xn2, h1, t0, sf == 0, code, y2, sign);
     *out++ = sign;
 
-    Word16 g[5], expG[5];
-    g[0] = gCoeff[0];
-    expG[0] = negate(gCoeff[1]);
-    g[1] = negate(gCoeff[2]);
-    expG[1] = negate(add(gCoeff[3], 1));
-    correlateGains(xn, y1, y2, g, expG);
     Word16 gainCode;
-    *out++ = quantiseGains(code, g, expG, taming, gainPit, gainCode);
-
-    m_sharp = gainPit;
-    if (m_sharp > kSharpMax) m_sharp = kSharpMax;
-    if (m_sharp < kSharpMin) m_sharp = kSharpMin;
-
-    for (int i = 0; i < kSubframe; i++) {
-      Word32 t = L_mult(exc[off + i], gainPit);
-      t = L_mac(t, code[i], gainCode);
-      exc[off + i] = round(L_shl(t, 1));
-    }
-    updateTaming(gainPit, t0);
+    *out++ = applyGains(xn, y1, y2, code, gCoeff, taming, t0, exc + off, gainPit, gainCode);
     Word16 syn[kSubframe];
     synthesis(aqs, exc + off, syn, kSubframe, m_memSyn, true);
-    for (int i = kSubframe - kOrder, j = 0; i < kSubframe; i++, j++) {
-      m_errBuf[j] = sub(speech[off + i], syn[i]);
-      const Word16 tp = extract_h(L_shl(L_mult(y1[i], gainPit), 1));
-      const Word16 tc = extract_h(L_shl(L_mult(y2[i], gainCode), 2));
-      m_memW0[j] = sub(xn[i], add(tp, tc));
-    }
+    for (int i = kSubframe - kOrder, j = 0; i < kSubframe; i++, j++) m_errBuf[j] = sub(speech[off + i], syn[i]);
+    updateWeightingMemory(xn, y1, y2, gainPit, gainCode);
   }
-
-  std::memmove(m_speech, m_speech + kFrame, (kWindow - kFrame) * sizeof(Word16));
-  std::memmove(m_wspBuf, m_wspBuf + kFrame, kPitchMax * sizeof(Word16));
-  std::memmove(m_excBuf, m_excBuf + kFrame, kExcHist * sizeof(Word16));
+  shiftHistory();
   return 1;
 }
 
@@ -553,9 +529,7 @@ int Encoder::silentFrameMain(Word16* sid, const Word16* a, const Word16* gamma1,
     std::memcpy(m_errBuf, error + kSubframe - kOrder, kOrder * sizeof(Word16));
   }
   m_sharp = kSharpMin;
-  std::memmove(m_speech, m_speech + kFrame, (kWindow - kFrame) * sizeof(Word16));
-  std::memmove(m_wspBuf, m_wspBuf + kFrame, kPitchMax * sizeof(Word16));
-  std::memmove(m_excBuf, m_excBuf + kFrame, kExcHist * sizeof(Word16));
+  shiftHistory();
   return type;
 }
 
