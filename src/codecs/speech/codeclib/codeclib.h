@@ -150,6 +150,11 @@ int32 codecLibDecodeCompanded(HandleRes** handle, const uint8* in, int32* inByte
 void codecLibPrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Descriptor fillers of the engines (one file each).
+// The G.729 descriptors' shared query answers: the default options, and
+// the info record (the decoder's next frame size given by the caller).
+void setG729Defaults(CodecLibOptions& options);
+void fillG729Info(CodecLibInfo& info, int32 direction, const char* shortName, const char* mimeName,
+                  const char* const* modeNames, int32 nextFrameBytes);
 void fillAmrWbDescriptor(CodecDescriptor& d);
 void fillG722Descriptor(CodecDescriptor& d);
 void fillG729ADescriptor(CodecDescriptor& d);

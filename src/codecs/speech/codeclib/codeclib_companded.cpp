@@ -4,60 +4,17 @@
 #include <cstdlib>
 
 #include "codecs/speech/codeclib/codeclib.h"
+#include "codecs/waveform/g711.h"
 
 namespace quillon::codeclib {
 
 namespace {
 
-int16 alawExpand(uint8 code) {
-  const int v = code ^ 0x55;
-  int t = (v & 0x0F) << 4;
-  const int seg = (v & 0x70) >> 4;
-  if (seg == 0)
-    t += 8;
-  else if (seg == 1)
-    t += 0x108;
-  else
-    t = (t + 0x108) << (seg - 1);
-  return static_cast<int16>((v & 0x80) ? t : -t);
-}
+using g711::alawCompress;
+using g711::alawExpand;
+using g711::ulawCompress;
+using g711::ulawExpand;
 
-uint8 alawCompress(int16 sample) {
-  static const int kSegEnd[8] = {0x1F, 0x3F, 0x7F, 0xFF, 0x1FF, 0x3FF, 0x7FF, 0xFFF};
-  int p = sample >> 3;
-  int mask = 0xD5;
-  if (p < 0) {
-    mask = 0x55;
-    p = -p - 1;
-  }
-  int seg = 0;
-  while (seg < 8 && p > kSegEnd[seg]) seg++;
-  if (seg >= 8) return static_cast<uint8>(0x7F ^ mask);
-  const int low = seg < 2 ? (p >> 1) & 0x0F : (p >> seg) & 0x0F;
-  return static_cast<uint8>(((seg << 4) | low) ^ mask);
-}
-
-int16 ulawExpand(uint8 code) {
-  const int u = ~code & 0xFF;
-  const int t = (((u & 0x0F) << 3) + 0x84) << ((u & 0x70) >> 4);
-  return static_cast<int16>((u & 0x80) ? 0x84 - t : t - 0x84);
-}
-
-uint8 ulawCompress(int16 sample) {
-  static const int kSegEnd[8] = {0x3F, 0x7F, 0xFF, 0x1FF, 0x3FF, 0x7FF, 0xFFF, 0x1FFF};
-  int p = sample >> 2;
-  int mask = 0xFF;
-  if (p < 0) {
-    mask = 0x7F;
-    p = -p;
-  }
-  if (p > 8159) p = 8159;
-  p += 33;
-  int seg = 0;
-  while (seg < 8 && p > kSegEnd[seg]) seg++;
-  if (seg >= 8) return static_cast<uint8>(0x7F ^ mask);
-  return static_cast<uint8>(((seg << 4) | ((p >> (seg + 1)) & 0x0F)) ^ mask);
-}
 
 // Makes the handle's scratch buffer hold at least `samples` samples.
 bool growConvBuf(HandleRes* h, int32 samples) {

@@ -54,7 +54,6 @@ const FamilyMember* memberOf(int32 codecId) {
 }
 
 const char* const kModeNames[][1] = {{"G729"}, {"G729AB"}, {"G729B"}};
-const char* const kPackings[] = {"RFC3551"};
 
 g729a::Encoder::Variant encoderVariant(const FamilyMember& m) {
   return m.variant == g729a::Decoder::Variant::Main ? g729a::Encoder::Variant::Main : g729a::Encoder::Variant::AnnexA;
@@ -73,46 +72,12 @@ int32 queryFamily(HandleRes*, int32 codecId, int32 direction, CodecLibInfo* info
   const FamilyMember* m = memberOf(codecId);
   if (!m || (direction != kDirEncoder && direction != kDirDecoder)) return 1;
   if (!info) {
-    if (options) {
-      *options = CodecLibOptions{};
-      options->mode = 0;
-      options->badFrame = 0;
-      options->param = 3;
-      options->dtx = -1;
-    }
+    if (options) setG729Defaults(*options);
     return kOk;
   }
-  *info = CodecLibInfo{};
-  info->shortName = m->shortName;
-  info->mimeName = m->mimeName;
-  info->codecTag = 307;
-  info->modeCount = 1;
-  info->modeNames = kModeNames[m - kMembers];
-  info->packingCount = 1;
-  info->packingNames = kPackings;
-  info->inChannels = info->outChannels = 1;
-  info->inFrameMs = info->outFrameMs = 10;
-  if (direction == kDirEncoder) {
-    info->inBytesPerSecond = 16000;
-    info->inBytesPerFrame = info->inBytesPerFrameMax = info->leftOverSize = 2 * kFrameSamples;
-    info->inSampleRate = 8000;
-    info->inBitsPerSample = 16;
-    info->inSamplesPerFrame = kFrameSamples;
-    info->outBytesPerSecond = 1000;
-    info->outBytesPerFrame = info->outBytesPerFrameTyp = info->outBytesPerFrameMax = kSpeechBytes;
-  } else {
-    // Without data the query answers for a speech frame.
-    const int32 next = data ? nextFrameBytes(*m, data, dataBytes) : kSpeechBytes;
-    info->inBytesPerSecond = 1000;
-    info->inBytesPerFrame = info->inSamplesPerFrame = next;
-    info->inBytesPerFrameMax = info->leftOverSize = kSpeechBytes;
-    info->inSampleRate = 8000;
-    info->outBytesPerSecond = 16000;
-    info->outBytesPerFrame = info->outBytesPerFrameTyp = info->outBytesPerFrameMax = 2 * kFrameSamples;
-    info->outSampleRate = 8000;
-    info->outBitsPerSample = 16;
-    info->outSamplesPerFrame = kFrameSamples;
-  }
+  // Without data the decoder query answers for a speech frame.
+  const int32 next = data ? nextFrameBytes(*m, data, dataBytes) : kSpeechBytes;
+  fillG729Info(*info, direction, m->shortName, m->mimeName, kModeNames[m - kMembers], next);
   return kOk;
 }
 

@@ -21,50 +21,16 @@ constexpr int32 kFrameSamples = 80;
 constexpr int32 kFrameBytes = 10;
 
 const char* const kG729AModes[] = {"G729A"};
-const char* const kG729APackings[] = {"RFC3551"};
+const char* const kG729Packings[] = {"RFC3551"};
 
 int32 queryG729A(HandleRes*, int32, int32 direction, CodecLibInfo* info, CodecLibOptions* options,
                  const uint8*, int32, int16) {
   if (direction != kDirEncoder && direction != kDirDecoder) return 1;
   if (!info) {
-    if (options) {
-      *options = CodecLibOptions{};
-      options->mode = 0;
-      options->badFrame = 0;
-      options->param = 3;
-      options->dtx = -1;
-    }
+    if (options) setG729Defaults(*options);
     return kOk;
   }
-  *info = CodecLibInfo{};
-  info->shortName = "G729A";
-  info->mimeName = "audio/G729A";
-  info->codecTag = 307;
-  info->modeCount = 1;
-  info->modeNames = kG729AModes;
-  info->packingCount = 1;
-  info->packingNames = kG729APackings;
-  info->inChannels = info->outChannels = 1;
-  info->inFrameMs = info->outFrameMs = 10;
-  if (direction == kDirEncoder) {
-    info->inBytesPerSecond = 16000;
-    info->inBytesPerFrame = info->inBytesPerFrameMax = info->leftOverSize = 2 * kFrameSamples;
-    info->inSampleRate = 8000;
-    info->inBitsPerSample = 16;
-    info->inSamplesPerFrame = kFrameSamples;
-    info->outBytesPerSecond = 1000;
-    info->outBytesPerFrame = info->outBytesPerFrameTyp = info->outBytesPerFrameMax = kFrameBytes;
-  } else {
-    info->inBytesPerSecond = 1000;
-    info->inBytesPerFrame = info->inBytesPerFrameMax = info->leftOverSize = kFrameBytes;
-    info->inSampleRate = 8000;
-    info->inSamplesPerFrame = kFrameBytes;
-    info->outBytesPerSecond = 16000;
-    info->outBytesPerFrame = info->outBytesPerFrameTyp = info->outBytesPerFrameMax = 2 * kFrameSamples;
-    info->outSampleRate = 8000;
-    info->outBitsPerSample = 16;
-    info->outSamplesPerFrame = kFrameSamples;
-  }
+  fillG729Info(*info, direction, "G729A", "audio/G729A", kG729AModes, kFrameBytes);
   return kOk;
 }
 
@@ -141,6 +107,47 @@ int32 decodeFrameG729A(HandleRes* h, const uint8* data, int32 dataBytes, int32* 
 #endif
 
 }  // namespace
+
+void setG729Defaults(CodecLibOptions& options) {
+  options = CodecLibOptions{};
+  options.mode = 0;
+  options.badFrame = 0;
+  options.param = 3;
+  options.dtx = -1;
+}
+
+void fillG729Info(CodecLibInfo& info, int32 direction, const char* shortName, const char* mimeName,
+                  const char* const* modeNames, int32 nextFrameBytes) {
+  info = CodecLibInfo{};
+  info.shortName = shortName;
+  info.mimeName = mimeName;
+  info.codecTag = 307;
+  info.modeCount = 1;
+  info.modeNames = modeNames;
+  info.packingCount = 1;
+  info.packingNames = kG729Packings;
+  info.inChannels = info.outChannels = 1;
+  info.inFrameMs = info.outFrameMs = 10;
+  if (direction == kDirEncoder) {
+    info.inBytesPerSecond = 16000;
+    info.inBytesPerFrame = info.inBytesPerFrameMax = info.leftOverSize = 2 * kFrameSamples;
+    info.inSampleRate = 8000;
+    info.inBitsPerSample = 16;
+    info.inSamplesPerFrame = kFrameSamples;
+    info.outBytesPerSecond = 1000;
+    info.outBytesPerFrame = info.outBytesPerFrameTyp = info.outBytesPerFrameMax = kFrameBytes;
+  } else {
+    info.inBytesPerSecond = 1000;
+    info.inBytesPerFrame = info.inSamplesPerFrame = nextFrameBytes;
+    info.inBytesPerFrameMax = info.leftOverSize = kFrameBytes;
+    info.inSampleRate = 8000;
+    info.outBytesPerSecond = 16000;
+    info.outBytesPerFrame = info.outBytesPerFrameTyp = info.outBytesPerFrameMax = 2 * kFrameSamples;
+    info.outSampleRate = 8000;
+    info.outBitsPerSample = 16;
+    info.outSamplesPerFrame = kFrameSamples;
+  }
+}
 
 void fillG729ADescriptor(CodecDescriptor& d) {
   d = CodecDescriptor{};
