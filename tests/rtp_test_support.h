@@ -85,11 +85,11 @@ inline void put16(std::vector<uint8_t>& v, size_t at, uint16_t x) {
 }
 
 inline std::vector<uint8_t> udp(const Address& from, const Address& to, const std::vector<uint8_t>& payload) {
-  std::vector<uint8_t> u(8);
+  std::vector<uint8_t> u(8 + payload.size(), 0);
   put16(u, 0, from.port);
   put16(u, 2, to.port);
   put16(u, 4, static_cast<uint16_t>(8 + payload.size()));
-  u.insert(u.end(), payload.begin(), payload.end());
+  if (!payload.empty()) std::memcpy(u.data() + 8, payload.data(), payload.size());
   return u;
 }
 
@@ -103,7 +103,7 @@ inline std::vector<std::vector<uint8_t>> ipv4(const Address& from, const Address
   const size_t piece = fragmentBytes ? fragmentBytes : transport.size();
   for (size_t offset = 0; offset < transport.size() || offset == 0; offset += piece) {
     const size_t n = std::min(piece, transport.size() - offset);
-    std::vector<uint8_t> h(20, 0);
+    std::vector<uint8_t> h(20 + n, 0);
     h[0] = 0x45;
     put16(h, 2, static_cast<uint16_t>(20 + n));
     put16(h, 4, id);
@@ -113,7 +113,7 @@ inline std::vector<std::vector<uint8_t>> ipv4(const Address& from, const Address
     h[9] = static_cast<uint8_t>(protocol);
     std::memcpy(&h[12], from.bytes, 4);
     std::memcpy(&h[16], to.bytes, 4);
-    h.insert(h.end(), transport.begin() + static_cast<long>(offset), transport.begin() + static_cast<long>(offset + n));
+    if (n) std::memcpy(h.data() + 20, transport.data() + offset, n);
     out.push_back(h);
     if (transport.empty()) break;
   }
@@ -122,41 +122,39 @@ inline std::vector<std::vector<uint8_t>> ipv4(const Address& from, const Address
 
 inline std::vector<uint8_t> ipv6(const Address& from, const Address& to, const std::vector<uint8_t>& transport,
                                  int protocol = 17) {
-  std::vector<uint8_t> h(40, 0);
+  std::vector<uint8_t> h(40 + transport.size(), 0);
   h[0] = 0x60;
   put16(h, 4, static_cast<uint16_t>(transport.size()));
   h[6] = static_cast<uint8_t>(protocol);
   h[7] = 64;
   std::memcpy(&h[8], from.bytes, 16);
   std::memcpy(&h[24], to.bytes, 16);
-  h.insert(h.end(), transport.begin(), transport.end());
+  if (!transport.empty()) std::memcpy(h.data() + 40, transport.data(), transport.size());
   return h;
 }
 
 // Ethernet framing with `tags` 802.1Q tags (the outer one 802.1ad when
 // there are two).
 inline std::vector<uint8_t> ethernet(const std::vector<uint8_t>& ip, int tags = 0) {
-  std::vector<uint8_t> f = {0, 1, 2, 3, 4, 5, 0, 1, 2, 3, 4, 6};
+  const size_t header = 14 + 4 * static_cast<size_t>(tags);
+  std::vector<uint8_t> f(header + ip.size(), 0);
+  for (int i = 0; i < 12; i++) f[static_cast<size_t>(i)] = static_cast<uint8_t>(i % 6 + (i == 11));
   for (int i = 0; i < tags; i++) {
-    const uint16_t tpid = (tags == 2 && i == 0) ? 0x88a8 : 0x8100;
-    f.push_back(static_cast<uint8_t>(tpid >> 8));
-    f.push_back(static_cast<uint8_t>(tpid));
-    f.push_back(0);
-    f.push_back(static_cast<uint8_t>(10 + i));
+    const size_t at = 12 + 4 * static_cast<size_t>(i);
+    put16(f, at, (tags == 2 && i == 0) ? 0x88a8 : 0x8100);
+    put16(f, at + 2, static_cast<uint16_t>(10 + i));
   }
-  const uint16_t type = (ip[0] >> 4) == 6 ? 0x86dd : 0x0800;
-  f.push_back(static_cast<uint8_t>(type >> 8));
-  f.push_back(static_cast<uint8_t>(type));
-  f.insert(f.end(), ip.begin(), ip.end());
+  put16(f, header - 2, (ip[0] >> 4) == 6 ? 0x86dd : 0x0800);
+  std::memcpy(f.data() + header, ip.data(), ip.size());
   return f;
 }
 
 // Linux cooked capture v1 header.
 inline std::vector<uint8_t> linuxCooked(const std::vector<uint8_t>& ip) {
-  std::vector<uint8_t> f(16, 0);
+  std::vector<uint8_t> f(16 + ip.size(), 0);
   f[1] = 4;  // sent by us
   put16(f, 14, (ip[0] >> 4) == 6 ? 0x86dd : 0x0800);
-  f.insert(f.end(), ip.begin(), ip.end());
+  std::memcpy(f.data() + 16, ip.data(), ip.size());
   return f;
 }
 

@@ -630,7 +630,9 @@ bool CaptureSession::writeCall(Call& c, std::string& error) {
       const double expected = static_cast<double>(r.stats.packets + r.stats.lost);
       const double loss = expected > 0 ? 100.0 * static_cast<double>(r.stats.lost) / expected : 0.0;
       // One-way delay estimate: two packet times of buffering plus twice the jitter.
-      const double packetMs = r.stats.packets ? 1000.0 * r.durationSeconds / static_cast<double>(r.stats.packets) : 20.0;
+      const double packetMs = r.stats.packets > 1 ? static_cast<double>(s.lastTime - s.firstTime) / 1000.0 /
+                                                     static_cast<double>(r.stats.packets - 1)
+                                                 : 20.0;
       r.rFactor = eModelRating(s.payload.codec, s.payload.bitsPerCode, loss, 2 * packetMs + 2 * r.stats.jitterMs, r.mos);
     } else {
       r.durationSeconds = static_cast<double>(s.lastTime - s.firstTime) / 1e6;
@@ -640,6 +642,10 @@ bool CaptureSession::writeCall(Call& c, std::string& error) {
   std::vector<Stream*> decoded;
   for (Stream* s : c.streams)
     if (s->decoder) decoded.push_back(s);
+  if (decoded.empty()) {
+    for (Stream* s : c.streams) summarise(*s, std::string());
+    return true;
+  }
   if (m_options.split || decoded.size() == 1) {
     for (Stream* s : c.streams) {
       std::string finalName;

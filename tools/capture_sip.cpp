@@ -45,22 +45,21 @@ bool parseInt(const std::string& s, long& v) {
   return true;
 }
 
-// The user part of a From/To value: the display name if quoted, else the
-// user of the URI, else the URI.
+// The party of a From/To value: the user of its URI (a number or name
+// that stays the same across calls), else the display name, else the text.
 std::string partyOf(const std::string& value) {
+  for (const char* scheme : {"sip:", "sips:", "tel:"}) {
+    const size_t at = value.find(scheme);
+    if (at == std::string::npos) continue;
+    const size_t start = at + std::strlen(scheme);
+    size_t end = start;
+    while (end < value.size() && value[end] != '@' && value[end] != '>' && value[end] != ';') end++;
+    if (end > start) return value.substr(start, end - start);
+  }
   const size_t q1 = value.find('"');
   if (q1 != std::string::npos) {
     const size_t q2 = value.find('"', q1 + 1);
     if (q2 != std::string::npos && q2 > q1 + 1) return value.substr(q1 + 1, q2 - q1 - 1);
-  }
-  size_t colon = value.find("sip:");
-  if (colon == std::string::npos) colon = value.find("sips:");
-  if (colon == std::string::npos) colon = value.find("tel:");
-  if (colon != std::string::npos) {
-    size_t start = value.find(':', colon) + 1;
-    size_t end = start;
-    while (end < value.size() && value[end] != '@' && value[end] != '>' && value[end] != ';') end++;
-    return value.substr(start, end - start);
   }
   return trim(value.substr(0, value.find(';')));
 }

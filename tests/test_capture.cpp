@@ -1,0 +1,505 @@
+// quillon capture: captures written here with libpcap's own dump
+// functions, RTP made by the library's encoders; every decoded channel is
+// compared with the same packets decoded by the RTP stream decoder alone.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "capture_session.h"
+#include "codecs/speech/codeclib/amrwb/amrwb_encoder.h"
+#include "codecs/speech/codeclib/g722/g722_engine.h"
+#include "codecs/waveform/g711.h"
+#include "rtp_test_support.h"
+#include "test_support.h"
+#include "wav_file.h"
+
+namespace fs = std::filesystem;
+using namespace quillon;
+using namespace quillon::test;
+using quillon::tool::CaptureOptions;
+using quillon::tool::CaptureSession;
+
+namespace {
+
+constexpr uint64_t kStart = 1700000000ull * 1000000u;  // 2023-11-14 22:13:20 UTC
+
+struct Packet {
+  std::vector<uint8_t> rtp;
+  uint64_t time;
+};
+
+// 20 ms RTP packets of a payload maker, one every 20 ms from `start`.
+template <typename Maker>
+std::vector<Packet> stream(int pt, uint32_t ssrc, uint64_t start, size_t count, uint32_t tsStep, Maker make) {
+  std::vector<Packet> out;
+  for (size_t i = 0; i < count; i++)
+    out.push_back({rtpPacket(pt, static_cast<uint16_t>(i + 65500), static_cast<uint32_t>(i * tsStep), ssrc, make(i)),
+                   start + i * 20000});
+  return out;
+}
+
+std::vector<std::vector<uint8_t>> g711Payloads(size_t count, bool alaw, uint32_t seed) {
+  const auto pcm = speechLike(count * 160, 8000, false, seed);
+  std::vector<std::vector<uint8_t>> out;
+  for (size_t i = 0; i < count; i++) {
+    std::vector<uint8_t> f(160);
+    for (size_t k = 0; k < 160; k++)
+      f[k] = alaw ? g711::alawCompress(pcm[i * 160 + k]) : g711::ulawCompress(pcm[i * 160 + k]);
+    out.push_back(f);
+  }
+  return out;
+}
+
+// What the library's RTP stream decoder makes of the packets alone.
+std::vector<int16_t> decodeDirectly(const rtp::PayloadDescription& d, const std::vector<Packet>& packets,
+                                    uint32_t rate = 16000) {
+  auto decoder = rtp::RtpStreamDecoder::create(d, rate);
+  std::vector<int16_t> out;
+  int16_t b[4096];
+  for (const Packet& p : packets) decoder->push(p.rtp.data(), p.rtp.size(), p.time);
+  decoder->flush();
+  size_t n;
+  while ((n = decoder->pull(b, 4096)) > 0) out.insert(out.end(), b, b + n);
+  return out;
+}
+
+struct Wave {
+  int channels = 0;
+  uint32_t rate = 0;
+  std::vector<int16_t> samples;
+  std::vector<int16_t> channel(int k) const {
+    std::vector<int16_t> c;
+    for (size_t i = static_cast<size_t>(k); i < samples.size(); i += static_cast<size_t>(channels)) c.push_back(samples[i]);
+    return c;
+  }
+};
+
+Wave readWave(const fs::path& p) {
+  tool::WavReader r;
+  std::string error;
+  Wave w;
+  if (!r.open(p.string(), error)) {
+    ADD_FAILURE() << error;
+    return w;
+  }
+  w.channels = r.channels;
+  w.rate = r.sampleRate;
+  w.samples.resize(r.dataBytes / 2);
+  r.read(reinterpret_cast<uint8_t*>(w.samples.data()), r.dataBytes);
+  return w;
+}
+
+std::string readText(const fs::path& p) {
+  std::ifstream in(p);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+std::vector<uint8_t> bytes(const std::string& s) { return std::vector<uint8_t>(s.begin(), s.end()); }
+
+std::string sdp(const std::string& address, int port, const std::string& formats, const std::string& attributes) {
+  return "v=0\r\no=- 1 1 IN IP4 " + address + "\r\ns=-\r\nc=IN IP4 " + address + "\r\nt=0 0\r\nm=audio " +
+         std::to_string(port) + " RTP/AVP " + formats + "\r\n" + attributes;
+}
+
+std::string sip(const std::string& firstLine, const std::string& cseq, const std::string& body,
+                const std::string& callId = "a84b4c76e66710@pc33.example.com") {
+  std::string m = firstLine + "\r\nVia: SIP/2.0/UDP 10.0.0.1:5060\r\nFrom: \"Alice\" <sip:alice@example.com>;tag=1\r\n"
+                  "To: <sip:bob@example.com>\r\nCall-ID: " + callId + "\r\nCSeq: " + cseq + "\r\n";
+  if (!body.empty()) m += "Content-Type: application/sdp\r\n";
+  m += "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  return m;
+}
+
+class CaptureTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_dir = fs::temp_directory_path() / ("quillon-capture-" + std::to_string(getpid()) + "-" +
+                                         ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(m_dir);
+    fs::create_directories(m_dir / "out");
+  }
+  void TearDown() override { fs::remove_all(m_dir); }
+  fs::path m_dir;
+};
+
+const Address kAlice = v4(10, 0, 0, 1, 5060), kBob = v4(10, 0, 0, 2, 5060);
+const Address kAliceMedia = v4(10, 0, 0, 1, 40000), kBobMedia = v4(10, 0, 0, 2, 50000);
+
+}  // namespace
+
+// A SIP call with G.711 both ways: one stereo file named after the call,
+// the caller left, the callee right and 200 ms later, each channel the
+// stream decoder's own output; events and the report.
+TEST_F(CaptureTest, SipCallGivesOneAlignedStereoFileAndReport) {
+  const fs::path cap = m_dir / "call.pcap";
+  const auto alicePayloads = g711Payloads(100, false, 1);
+  const auto bobPayloads = g711Payloads(90, false, 2);
+  const auto alice = stream(0, 0xa11ce, kStart + 100000, 100, 160, [&](size_t i) { return alicePayloads[i]; });
+  const auto bob = stream(0, 0xb0b, kStart + 300000, 90, 160, [&](size_t i) { return bobPayloads[i]; });
+  {
+    PcapWriter w(cap.string(), DLT_EN10MB);
+    ASSERT_TRUE(w.ok());
+    auto send = [&](const Address& a, const Address& b, const std::vector<uint8_t>& payload, uint64_t t) {
+      for (const auto& ip : ipv4(a, b, udp(a, b, payload))) w.add(ethernet(ip), t);
+    };
+    send(kAlice, kBob, bytes(sip("INVITE sip:bob@example.com SIP/2.0", "1 INVITE",
+                                 sdp("10.0.0.1", 40000, "0 101", "a=rtpmap:101 telephone-event/8000\r\n"))), kStart);
+    send(kBob, kAlice, bytes(sip("SIP/2.0 200 OK", "1 INVITE", sdp("10.0.0.2", 50000, "0 101", "a=rtpmap:101 telephone-event/8000\r\n"))),
+         kStart + 50000);
+    send(kAlice, kBob, bytes(sip("ACK sip:bob@example.com SIP/2.0", "1 ACK", "")), kStart + 60000);
+    size_t a = 0, b = 0;
+    while (a < alice.size() || b < bob.size()) {
+      if (b >= bob.size() || (a < alice.size() && alice[a].time <= bob[b].time)) {
+        send(kAliceMedia, kBobMedia, alice[a].rtp, alice[a].time);
+        if (a == 50) {  // a DTMF event in three packets, and RTCP
+          for (int k = 0; k < 3; k++)
+            send(kAliceMedia, kBobMedia, rtpPacket(101, static_cast<uint16_t>(2000 + k), 8000, 0xa11ce, {1, 10, 0, 160}),
+                 alice[a].time + 1000);
+          send(v4(10, 0, 0, 1, 40001), v4(10, 0, 0, 2, 50001), {0x80, 200, 0, 6, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+                                                                 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},
+               alice[a].time + 2000);
+        }
+        a++;
+      } else {
+        send(kBobMedia, kAliceMedia, bob[b].rtp, bob[b].time);
+        b++;
+      }
+    }
+    send(kAlice, kBob, bytes(sip("BYE sip:bob@example.com SIP/2.0", "2 BYE", "")), kStart + 3000000);
+  }
+  CaptureOptions options;
+  options.outDir = (m_dir / "out").string();
+  options.report = "json";
+  CaptureSession session(options);
+  std::string error;
+  ASSERT_TRUE(session.readCapture(cap.string(), error)) << error;
+  ASSERT_TRUE(session.finish(error)) << error;
+  const fs::path wav = m_dir / "out" / "20231114-221320_alice_bob_a84b4c76e66710@pc33.example.com.wav";
+  ASSERT_TRUE(fs::exists(wav));
+  const Wave w = readWave(wav);
+  EXPECT_EQ(w.channels, 2);
+  EXPECT_EQ(w.rate, 8000u);
+  const auto left = decodeDirectly(rtp::describeStaticPayload(0), alice);
+  auto right = decodeDirectly(rtp::describeStaticPayload(0), bob);
+  right.insert(right.begin(), 1600, 0);  // 200 ms later
+  auto l = w.channel(0), r = w.channel(1);
+  ASSERT_EQ(l.size(), std::max(left.size(), right.size()));
+  EXPECT_TRUE(std::equal(left.begin(), left.end(), l.begin()));
+  EXPECT_TRUE(std::equal(right.begin(), right.end(), r.begin()));
+  ASSERT_EQ(session.streams().size(), 2u);
+  for (const auto& s : session.streams()) {
+    EXPECT_EQ(s.codec, "pcmu");
+    EXPECT_EQ(s.stats.lost, 0u);
+    EXPECT_EQ(s.side, s.ssrc == 0xa11ce ? "caller" : "callee");
+    EXPECT_EQ(s.stats.events, s.ssrc == 0xa11ce ? 1u : 0u);
+    // No loss; the delay estimate is two 20 ms packets.
+    double mos = 0;
+    EXPECT_DOUBLE_EQ(s.rFactor, tool::eModelRating(rtp::PayloadCodec::Pcmu, 0, 0, 40, mos));
+    EXPECT_DOUBLE_EQ(s.mos, mos);
+  }
+  EXPECT_EQ(session.rtcpPackets(), 1u);
+  EXPECT_EQ(session.sipMessages(), 4u);
+  const std::string report = readText(m_dir / "out" / "quillon-capture-report.json");
+  EXPECT_NE(report.find("\"codec\": \"pcmu\""), std::string::npos);
+  EXPECT_NE(report.find("\"events\": 1"), std::string::npos);
+  EXPECT_NE(report.find("\"jitter_ms\""), std::string::npos);
+}
+
+// No signalling: AMR-WB octet-aligned under a dynamic payload type given
+// with --pt, behind two VLAN tags; --split gives one mono file per stream.
+TEST_F(CaptureTest, DynamicPayloadBehindQinQWithSplit) {
+  const auto pcm = speechLike(16000 * 2, 16000);
+  amrwb::Encoder encoder;
+  std::vector<std::vector<uint8_t>> payloads;
+  for (size_t i = 0; i + 320 <= pcm.size(); i += 320) {
+    uint8_t f[61];
+    const int n = encoder.encodeFrame(&pcm[i], 2, false, f);
+    // Octet-aligned: CMR byte, ToC byte (F=0), speech bytes.
+    std::vector<uint8_t> p = {0xf0, static_cast<uint8_t>(f[0] & 0x7c)};
+    p.insert(p.end(), f + 1, f + n);
+    payloads.push_back(p);
+  }
+  const auto packets = stream(96, 42, kStart, payloads.size(), 320, [&](size_t i) { return payloads[i]; });
+  const fs::path cap = m_dir / "vlan.pcap";
+  {
+    PcapWriter w(cap.string(), DLT_EN10MB);
+    for (const Packet& p : packets)
+      for (const auto& ip : ipv4(kAliceMedia, kBobMedia, udp(kAliceMedia, kBobMedia, p.rtp))) w.add(ethernet(ip, 2), p.time);
+  }
+  CaptureOptions options;
+  options.outDir = (m_dir / "out").string();
+  options.split = true;
+  int pt = 0;
+  ASSERT_TRUE(tool::parsePayloadOption("96=amrwb-oa", pt, options.payloadTypes[96]));
+  CaptureSession session(options);
+  std::string error;
+  ASSERT_TRUE(session.readCapture(cap.string(), error)) << error;
+  ASSERT_TRUE(session.finish(error)) << error;
+  ASSERT_EQ(session.written().size(), 1u);
+  const Wave w = readWave(session.written()[0]);
+  EXPECT_EQ(w.channels, 1);
+  EXPECT_EQ(w.rate, 16000u);
+  EXPECT_EQ(w.samples, decodeDirectly(rtp::describePayload(96, "AMR-WB/16000", "octet-align=1"), packets));
+  EXPECT_NE(session.written()[0].find("_caller_0000002a.wav"), std::string::npos) << session.written()[0];
+
+  // Without the payload type the stream is reported, not guessed.
+  CaptureOptions plain;
+  plain.outDir = (m_dir / "out").string();
+  CaptureSession unknown(plain);
+  ASSERT_TRUE(unknown.readCapture(cap.string(), error));
+  ASSERT_TRUE(unknown.finish(error));
+  ASSERT_EQ(unknown.streams().size(), 1u);
+  EXPECT_EQ(unknown.streams()[0].codec, "unknown");
+  EXPECT_TRUE(unknown.written().empty());
+}
+
+// IPv6 in Linux cooked framing, G.722 with a lost, a reordered and a
+// duplicated packet; grouped into one call with the reverse PCMA stream.
+TEST_F(CaptureTest, Ipv6CookedCaptureWithLossAndReordering) {
+  const auto pcm = speechLike(16000 * 2, 16000);
+  g722::Encoder encoder;
+  std::vector<std::vector<uint8_t>> payloads;
+  for (size_t i = 0; i + 320 <= pcm.size(); i += 320) {
+    std::vector<uint8_t> b(160);
+    encoder.encode(&pcm[i], 320, b.data());
+    payloads.push_back(b);
+  }
+  const auto sent = stream(9, 7, kStart, payloads.size(), 160, [&](size_t i) { return payloads[i]; });
+  // Packet 40 lost, 61 before 60, 70 twice.
+  std::vector<Packet> packets;
+  for (size_t i = 0; i < sent.size(); i++) {
+    if (i == 40) continue;
+    packets.push_back(sent[i == 60 ? 61 : i == 61 ? 60 : i]);
+    if (i == 70) packets.push_back(sent[i]);
+  }
+  const auto back = g711Payloads(100, true, 3);
+  const auto reverse = stream(8, 8, kStart + 10000, 100, 160, [&](size_t i) { return back[i]; });
+  const Address a = v6(1, 30000), b = v6(2, 30002);
+  const fs::path cap = m_dir / "v6.pcap";
+  {
+    PcapWriter w(cap.string(), DLT_LINUX_SLL);
+    for (size_t i = 0; i < std::max(packets.size(), reverse.size()); i++) {
+      if (i < packets.size()) w.add(linuxCooked(ipv6(a, b, udp(a, b, packets[i].rtp))), packets[i].time);
+      if (i < reverse.size()) w.add(linuxCooked(ipv6(b, a, udp(b, a, reverse[i].rtp))), reverse[i].time);
+    }
+  }
+  CaptureOptions options;
+  options.outDir = (m_dir / "out").string();
+  CaptureSession session(options);
+  std::string error;
+  ASSERT_TRUE(session.readCapture(cap.string(), error)) << error;
+  ASSERT_TRUE(session.finish(error)) << error;
+  ASSERT_EQ(session.written().size(), 1u);
+  EXPECT_NE(session.written()[0].find("_2001_db8__1__30000__2001_db8__2__30002_rtp1.wav"), std::string::npos)
+      << session.written()[0];
+  const Wave w = readWave(session.written()[0]);
+  EXPECT_EQ(w.channels, 2);
+  EXPECT_EQ(w.rate, 16000u);
+  const auto left = decodeDirectly(rtp::describeStaticPayload(9), packets);
+  const auto l = w.channel(0);
+  EXPECT_TRUE(std::equal(left.begin(), left.end(), l.begin()));
+  ASSERT_EQ(session.streams().size(), 2u);
+  const auto& g722 = session.streams()[0].codec == "g722" ? session.streams()[0] : session.streams()[1];
+  EXPECT_EQ(g722.stats.lost, 1u);
+  EXPECT_EQ(g722.stats.reordered, 1u);
+  EXPECT_EQ(g722.stats.duplicated, 1u);
+  EXPECT_LT(g722.rFactor, 93.2);
+}
+
+// An INVITE whose SDP makes the datagram larger than the link: IP
+// fragments, delivered out of order. Reassembled, its rtpmap describes the
+// dynamic AMR-WB payload.
+TEST_F(CaptureTest, FragmentedSipDescribesTheStream) {
+  std::string attributes = "a=rtpmap:97 AMR-WB/16000\r\n";
+  for (int i = 0; i < 60; i++) attributes += "a=x-padding:" + std::string(30, 'x') + "\r\n";
+  const std::string invite = sip("INVITE sip:bob@example.com SIP/2.0", "1 INVITE", sdp("10.0.0.1", 40000, "97", attributes));
+  ASSERT_GT(invite.size(), 1500u);
+  const auto pcm = speechLike(16000, 16000);
+  amrwb::Encoder encoder;
+  std::vector<std::vector<uint8_t>> payloads;
+  for (size_t i = 0; i + 320 <= pcm.size(); i += 320) {
+    uint8_t f[61];
+    const int n = encoder.encodeFrame(&pcm[i], 0, false, f);
+    // Bandwidth-efficient: CMR(4) F(1) FT(4) Q(1), then the 132 speech bits.
+    std::vector<int> bits = {1, 1, 1, 1, 0, 0, 0, 0, 0, 1};
+    for (int k = 0; k < 132; k++) bits.push_back((f[1 + k / 8] >> (7 - k % 8)) & 1);
+    std::vector<uint8_t> p((bits.size() + 7) / 8, 0);
+    for (size_t k = 0; k < bits.size(); k++)
+      if (bits[k]) p[k / 8] |= static_cast<uint8_t>(0x80 >> (k % 8));
+    (void)n;
+    payloads.push_back(p);
+  }
+  const auto packets = stream(97, 1, kStart + 100000, payloads.size(), 320, [&](size_t i) { return payloads[i]; });
+  const fs::path cap = m_dir / "frag.pcap";
+  {
+    PcapWriter w(cap.string(), DLT_EN10MB);
+    auto fragments = ipv4(kAlice, kBob, udp(kAlice, kBob, bytes(invite)), 99, 1200);
+    ASSERT_GE(fragments.size(), 2u);
+    std::reverse(fragments.begin(), fragments.end());
+    for (const auto& f : fragments) w.add(ethernet(f), kStart);
+    for (const Packet& p : packets)
+      for (const auto& ip : ipv4(kBobMedia, kAliceMedia, udp(kBobMedia, kAliceMedia, p.rtp))) w.add(ethernet(ip), p.time);
+  }
+  CaptureOptions options;
+  options.outDir = (m_dir / "out").string();
+  CaptureSession session(options);
+  std::string error;
+  ASSERT_TRUE(session.readCapture(cap.string(), error)) << error;
+  ASSERT_TRUE(session.finish(error)) << error;
+  EXPECT_EQ(session.packetCounters().reassembled, 1u);
+  ASSERT_EQ(session.streams().size(), 1u);
+  EXPECT_EQ(session.streams()[0].codec, "amr-wb");
+  EXPECT_EQ(session.streams()[0].side, "callee");
+  ASSERT_EQ(session.written().size(), 1u);
+  EXPECT_EQ(readWave(session.written()[0]).samples, decodeDirectly(rtp::describePayload(97, "AMR-WB/16000", ""), packets));
+}
+
+// Damaged input: garbage datagrams on the RTP ports, a packet cut by the
+// snap length, malformed SDP and a capture that ends inside a record.
+// Warnings, and every stream still decoded.
+TEST_F(CaptureTest, DamagedInputWarnsAndStillDecodes) {
+  const auto payloads = g711Payloads(100, false, 4);
+  const auto packets = stream(0, 0x55, kStart + 100000, 100, 160, [&](size_t i) { return payloads[i]; });
+  const fs::path cap = m_dir / "bad.pcap";
+  uint32_t seed = 99;
+  {
+    PcapWriter w(cap.string(), DLT_EN10MB);
+    const std::string broken = "v=0\r\nc=IN IP4 not-an-address\r\nm=audio port RTP/AVP 0\r\na=rtpmap:x\r\n";
+    for (const auto& ip : ipv4(kAlice, kBob, udp(kAlice, kBob, bytes(sip("INVITE sip:bob SIP/2.0", "1 INVITE", broken)))))
+      w.add(ethernet(ip), kStart);
+    for (size_t i = 0; i < packets.size(); i++) {
+      for (const auto& ip : ipv4(kAliceMedia, kBobMedia, udp(kAliceMedia, kBobMedia, packets[i].rtp)))
+        w.add(ethernet(ip), packets[i].time);
+      if (i % 9 == 4) {
+        std::vector<uint8_t> junk(40 + i);
+        for (uint8_t& b : junk) {
+          seed = seed * 1103515245u + 12345u;
+          b = static_cast<uint8_t>(seed >> 16);
+        }
+        junk[0] = 0x80;  // looks like RTP version 2
+        for (const auto& ip : ipv4(kAliceMedia, kBobMedia, udp(kAliceMedia, kBobMedia, junk)))
+          w.add(ethernet(ip), packets[i].time + 5000);
+      }
+      if (i == 50) {
+        const auto ip = ipv4(kAliceMedia, kBobMedia, udp(kAliceMedia, kBobMedia, packets[i].rtp))[0];
+        w.add(ethernet(ip), packets[i].time + 6000, 60);  // cut by the snap length
+      }
+    }
+  }
+  // A second copy cut inside its last record.
+  const fs::path cut = m_dir / "cut.pcap";
+  {
+    auto all = readFile(cap);
+    all.resize(all.size() - 100);
+    std::ofstream(cut, std::ios::binary).write(reinterpret_cast<const char*>(all.data()), static_cast<long>(all.size()));
+  }
+  const auto clean = decodeDirectly(rtp::describeStaticPayload(0), packets);
+  for (const fs::path& input : {cap, cut}) {
+    fs::remove_all(m_dir / "out");
+    fs::create_directories(m_dir / "out");
+    CaptureOptions options;
+    options.outDir = (m_dir / "out").string();
+    CaptureSession session(options);
+    std::string error;
+    ASSERT_TRUE(session.readCapture(input.string(), error)) << error;
+    ASSERT_TRUE(session.finish(error)) << error;
+    ASSERT_EQ(session.streams().size(), 1u);
+    EXPECT_EQ(session.streams()[0].garbage, 11u);  // i % 9 == 4 below 100
+    EXPECT_EQ(session.packetCounters().truncated, 1u);
+    ASSERT_EQ(session.written().size(), 1u);
+    const auto out = readWave(session.written()[0]).samples;
+    if (input == cap) {
+      EXPECT_EQ(out, clean);
+    } else {
+      EXPECT_TRUE(std::equal(out.begin(), out.end(), clean.begin()));
+      EXPECT_GT(out.size(), clean.size() - 400);
+    }
+    bool sdpWarning = false, endWarning = false;
+    for (const auto& w : session.warnings()) {
+      sdpWarning |= w.find("SDP") != std::string::npos;
+      endWarning |= w.find("ends early") != std::string::npos;
+    }
+    EXPECT_TRUE(sdpWarning);
+    EXPECT_EQ(endWarning, input == cut);
+  }
+}
+
+// Outputs are never replaced without --force, never written through a
+// link placed under the final name, and no temporary file is left.
+TEST_F(CaptureTest, ExistingOutputsNeedForce) {
+  const auto payloads = g711Payloads(20, false, 5);
+  const auto packets = stream(0, 1, kStart, 20, 160, [&](size_t i) { return payloads[i]; });
+  const fs::path cap = m_dir / "small.pcap";
+  {
+    PcapWriter w(cap.string(), DLT_EN10MB);
+    for (const Packet& p : packets)
+      for (const auto& ip : ipv4(kAliceMedia, kBobMedia, udp(kAliceMedia, kBobMedia, p.rtp))) w.add(ethernet(ip), p.time);
+  }
+  CaptureOptions options;
+  options.outDir = (m_dir / "out").string();
+  const fs::path name = m_dir / "out" / "20231114-221320_10.0.0.1_40000_10.0.0.2_50000_rtp1.wav";
+  const fs::path victim = m_dir / "victim.txt";
+  std::ofstream(victim) << "keep";
+  fs::create_symlink(victim, name);
+  std::string error;
+  {
+    CaptureSession session(options);
+    ASSERT_TRUE(session.readCapture(cap.string(), error));
+    EXPECT_FALSE(session.finish(error));
+    EXPECT_NE(error.find("exists"), std::string::npos);
+  }
+  EXPECT_EQ(readText(victim), "keep");
+  options.force = true;
+  {
+    CaptureSession session(options);
+    ASSERT_TRUE(session.readCapture(cap.string(), error));
+    EXPECT_TRUE(session.finish(error)) << error;
+  }
+  EXPECT_EQ(readText(victim), "keep");
+  EXPECT_FALSE(fs::is_symlink(name));
+  EXPECT_EQ(readWave(name).samples.size(), 20u * 160 + 30);
+  for (const auto& e : fs::directory_iterator(m_dir / "out")) EXPECT_EQ(e.path().filename().string().find(".quillon"), std::string::npos);
+}
+
+// The command reads a capture from standard input and writes a CSV report.
+TEST_F(CaptureTest, ToolReadsStandardInputAndWritesCsv) {
+  const auto payloads = g711Payloads(30, true, 6);
+  const auto packets = stream(8, 1, kStart, 30, 160, [&](size_t i) { return payloads[i]; });
+  const fs::path cap = m_dir / "in.pcap";
+  {
+    PcapWriter w(cap.string(), DLT_RAW);
+    for (const Packet& p : packets)
+      for (const auto& ip : ipv4(kAliceMedia, kBobMedia, udp(kAliceMedia, kBobMedia, p.rtp))) w.add(ip, p.time);
+  }
+  const std::string cmd = std::string(QUILLON_TOOL_PATH) + " capture --out " + (m_dir / "out").string() +
+                          " --report csv - < " + cap.string() + " > " + (m_dir / "stdout.txt").string() + " 2>&1";
+  ASSERT_EQ(std::system(cmd.c_str()), 0) << readText(m_dir / "stdout.txt");
+  const std::string csv = readText(m_dir / "out" / "quillon-capture-report.csv");
+  EXPECT_EQ(csv.rfind("call_id,side,source,destination,ssrc,payload_type,codec", 0), 0u);
+  EXPECT_NE(csv.find("rtp1,caller,10.0.0.1:40000,10.0.0.2:50000,00000001,8,pcma,8000,30,0,0,0,0,0.000,0.000,0.604,"), std::string::npos)
+      << csv;
+  // A bad option and a missing folder are usage errors.
+  EXPECT_NE(std::system((std::string(QUILLON_TOOL_PATH) + " capture --report xml x 2>/dev/null").c_str()), 0);
+}
+
+TEST(CaptureEModel, RatingFollowsG107AndG113Values) {
+  double mos = 0;
+  EXPECT_DOUBLE_EQ(tool::eModelRating(rtp::PayloadCodec::Pcmu, 0, 0, 0, mos), 93.2);
+  EXPECT_NEAR(mos, 4.41, 0.01);
+  EXPECT_DOUBLE_EQ(tool::eModelRating(rtp::PayloadCodec::G729, 0, 0, 0, mos), 82.2);  // Ie 11
+  // 5 % random loss on G.711 with concealment: Ie,eff = 95 * 5 / 30.1.
+  EXPECT_NEAR(tool::eModelRating(rtp::PayloadCodec::Pcma, 0, 5, 0, mos), 93.2 - 95.0 * 5 / 30.1, 1e-9);
+  // Delay above 177.3 ms costs more.
+  const double r150 = tool::eModelRating(rtp::PayloadCodec::Pcmu, 0, 0, 150, mos);
+  const double r300 = tool::eModelRating(rtp::PayloadCodec::Pcmu, 0, 0, 300, mos);
+  EXPECT_NEAR(r150, 93.2 - 3.6, 1e-9);
+  EXPECT_NEAR(r300, 93.2 - 7.2 - 0.11 * (300 - 177.3), 1e-9);
+  // G.726 at 16 kbit/s (Ie 50) with heavy loss ends near the bottom of the scale.
+  EXPECT_LT(tool::eModelRating(rtp::PayloadCodec::G726, 2, 100, 0, mos), tool::eModelRating(rtp::PayloadCodec::G726, 2, 10, 0, mos));
+  EXPECT_LT(mos, 1.5);
+}
