@@ -17,6 +17,7 @@
 #include "quillon/rtp.h"
 #include "rtp/waveform_concealer.h"
 #include "rtp_test_support.h"
+#include "test_support.h"
 
 using namespace quillon;
 using namespace quillon::rtp;
@@ -609,4 +610,30 @@ TEST(RtpStreamTimeline, UnpulledAudioIsDroppedOldestFirstAndCounted) {
   ASSERT_EQ(d->pull(tail.data(), held), held);
   // What is left is the newest audio: the end of the last packet.
   EXPECT_EQ(tail.back(), g711::kUlawToLinear[frames.back()[160 - 31]]);
+}
+
+// SILK: the conformance streams, one SILK packet per RTP packet, decode to
+// the reference output.
+TEST(RtpStreamSilk, ConformanceStreamsAsRtpMatchTheReference) {
+  const auto dir = quillon::test::vectorsSubdir("silk");
+  if (dir.empty()) GTEST_SKIP() << "no SILK vectors";
+  for (const auto& [name, msPerPacket] : {std::pair<const char*, uint32_t>{"o01_hts1_api8k_nb_20ms_6k_cx0", 20},
+                                          {"o02_hts2_api8k_nb_40ms_10k", 40}}) {
+    const auto coded = quillon::test::readFile(dir / (std::string(name) + ".silk"));
+    const auto expected = quillon::test::readPcm16(dir / (std::string(name) + ".pcm"));
+    std::vector<Sent> packets;
+    size_t at = 0;
+    uint16_t seq = 0;
+    while (at + 2 <= coded.size()) {
+      const size_t n = static_cast<size_t>(coded[at] | (coded[at + 1] << 8));
+      ASSERT_GT(n, 0u);
+      std::vector<uint8_t> payload(coded.begin() + static_cast<long>(at + 2), coded.begin() + static_cast<long>(at + 2 + n));
+      packets.push_back({rtpPacket(98, seq, seq * msPerPacket * 8, 3, payload), seq * msPerPacket * 1000ull});
+      seq++;
+      at += 2 + n;
+    }
+    auto d = RtpStreamDecoder::create(describePayload(98, "SILK/8000", nullptr), 8000);
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(run(*d, packets), expected) << name;
+  }
 }
