@@ -697,6 +697,10 @@ bool CaptureSession::writeCall(Call& c, std::string& error) {
 // link (the final name is replaced, not followed).
 bool CaptureSession::publish(const std::string& name, const std::vector<int16_t>& pcm, uint32_t rate, int channels,
                              std::string& finalName, std::string& error) {
+  if (m_options.dryRun) {
+    finalName = name;
+    return true;
+  }
   const std::string dir = m_options.outDir.empty() ? "." : m_options.outDir;
   std::string target = dir + "/" + name;
   struct stat st{};
@@ -743,7 +747,7 @@ bool CaptureSession::publish(const std::string& name, const std::vector<int16_t>
 }
 
 bool CaptureSession::writeReport(std::string& error) {
-  if (m_options.report.empty()) return true;
+  if (m_options.report.empty() || m_options.dryRun) return true;
   std::ostringstream o;
   const PacketCounters& pc = m_packets.counters();
   char num[64];

@@ -21,6 +21,7 @@ struct CaptureOptions {
   std::string outDir = ".";
   bool split = false;          // one mono file per stream
   bool force = false;          // replace existing outputs
+  bool dryRun = false;         // decode and summarise, write nothing
   std::string report;          // "", "csv" or "json"
   uint32_t wideRate = 16000;   // Opus and SILK output rate (8000, 16000, 48000)
   std::map<int, SdpFormat> payloadTypes;  // --pt overrides

@@ -31,6 +31,8 @@ int runCaptureCommand(int argc, char** argv) {
       options.outDir = argv[++i];
     } else if (a == "--split") {
       options.split = true;
+    } else if (a == "--dry-run") {
+      options.dryRun = true;
     } else if (a == "--force") {
       options.force = true;
     } else if (a == "--report" && i + 1 < argc) {

@@ -29,7 +29,7 @@ void printHelp() {
       "      (16000 Hz input), --mode 0..8 picks 6.60 to 23.85 kbit/s (default 2,\n"
       "      12.65 kbit/s) and --dtx sends SID/NO_DATA frames in speech pauses;\n"
       "      the output is the length-prefixed frame stream 'decode --codec amrwb' reads.\n"
-      "  capture [--out DIR] [--split] [--force] [--report csv|json] [--pt PT=NAME]\n"
+      "  capture [--out DIR] [--split] [--force] [--dry-run] [--report csv|json] [--pt PT=NAME]\n"
       "          [--sdp FILE] [--rate 8000|16000|48000] CAPTURE...\n"
       "      decode the RTP calls of pcap/pcapng captures ('-': standard input) to\n"
       "      one stereo WAVE per call (caller left), or one mono WAVE per stream\n"
