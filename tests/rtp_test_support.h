@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "codecs/speech/codeclib/g722/g722_engine.h"
+
 namespace quillon::test {
 
 // Voiced sound with a gliding pitch and a syllable envelope; silent
@@ -36,6 +38,18 @@ inline std::vector<int16_t> speechLike(size_t samples, uint32_t rate, bool pause
     out[i] = static_cast<int16_t>(std::lrint(6000 * envelope * (v + n)));
   }
   return out;
+}
+
+// 20 ms G.722 payloads (160 octets each) of 16 kHz audio.
+inline std::vector<std::vector<uint8_t>> g722Payloads(const std::vector<int16_t>& pcm) {
+  g722::Encoder encoder;
+  std::vector<std::vector<uint8_t>> payloads;
+  for (size_t i = 0; i + 320 <= pcm.size(); i += 320) {
+    std::vector<uint8_t> b(160);
+    encoder.encode(&pcm[i], 320, b.data());
+    payloads.push_back(b);
+  }
+  return payloads;
 }
 
 inline std::vector<uint8_t> rtpPacket(int payloadType, uint16_t sequence, uint32_t timestamp, uint32_t ssrc,

@@ -10,7 +10,6 @@
 
 #include "capture_session.h"
 #include "codecs/speech/codeclib/amrwb/amrwb_encoder.h"
-#include "codecs/speech/codeclib/g722/g722_engine.h"
 #include "codecs/waveform/g711.h"
 #include "rtp_test_support.h"
 #include "test_support.h"
@@ -115,6 +114,13 @@ std::string sip(const std::string& firstLine, const std::string& cseq, const std
   return m;
 }
 
+// Reads one capture into `session` and finishes it, both without error.
+void decodeCapture(CaptureSession& session, const fs::path& capture) {
+  std::string error;
+  ASSERT_TRUE(session.readCapture(capture.string(), error)) << error;
+  ASSERT_TRUE(session.finish(error)) << error;
+}
+
 class CaptureTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -176,9 +182,7 @@ TEST_F(CaptureTest, SipCallGivesOneAlignedStereoFileAndReport) {
   options.outDir = (m_dir / "out").string();
   options.report = "json";
   CaptureSession session(options);
-  std::string error;
-  ASSERT_TRUE(session.readCapture(cap.string(), error)) << error;
-  ASSERT_TRUE(session.finish(error)) << error;
+  decodeCapture(session, cap);
   const fs::path wav = m_dir / "out" / "20231114-221320_alice_bob_a84b4c76e66710@pc33.example.com.wav";
   ASSERT_TRUE(fs::exists(wav));
   const Wave w = readWave(wav);
@@ -237,9 +241,7 @@ TEST_F(CaptureTest, DynamicPayloadBehindQinQWithSplit) {
   int pt = 0;
   ASSERT_TRUE(tool::parsePayloadOption("96=amrwb-oa", pt, options.payloadTypes[96]));
   CaptureSession session(options);
-  std::string error;
-  ASSERT_TRUE(session.readCapture(cap.string(), error)) << error;
-  ASSERT_TRUE(session.finish(error)) << error;
+  decodeCapture(session, cap);
   ASSERT_EQ(session.written().size(), 1u);
   const Wave w = readWave(session.written()[0]);
   EXPECT_EQ(w.channels, 1);
@@ -251,8 +253,7 @@ TEST_F(CaptureTest, DynamicPayloadBehindQinQWithSplit) {
   CaptureOptions plain;
   plain.outDir = (m_dir / "out").string();
   CaptureSession unknown(plain);
-  ASSERT_TRUE(unknown.readCapture(cap.string(), error));
-  ASSERT_TRUE(unknown.finish(error));
+  decodeCapture(unknown, cap);
   ASSERT_EQ(unknown.streams().size(), 1u);
   EXPECT_EQ(unknown.streams()[0].codec, "unknown");
   EXPECT_TRUE(unknown.written().empty());
@@ -262,13 +263,7 @@ TEST_F(CaptureTest, DynamicPayloadBehindQinQWithSplit) {
 // duplicated packet; grouped into one call with the reverse PCMA stream.
 TEST_F(CaptureTest, Ipv6CookedCaptureWithLossAndReordering) {
   const auto pcm = speechLike(16000 * 2, 16000);
-  g722::Encoder encoder;
-  std::vector<std::vector<uint8_t>> payloads;
-  for (size_t i = 0; i + 320 <= pcm.size(); i += 320) {
-    std::vector<uint8_t> b(160);
-    encoder.encode(&pcm[i], 320, b.data());
-    payloads.push_back(b);
-  }
+  const auto payloads = quillon::test::g722Payloads(pcm);
   const auto sent = stream(9, 7, kStart, payloads.size(), 160, [&](size_t i) { return payloads[i]; });
   // Packet 40 lost, 61 before 60, 70 twice.
   std::vector<Packet> packets;
@@ -291,9 +286,7 @@ TEST_F(CaptureTest, Ipv6CookedCaptureWithLossAndReordering) {
   CaptureOptions options;
   options.outDir = (m_dir / "out").string();
   CaptureSession session(options);
-  std::string error;
-  ASSERT_TRUE(session.readCapture(cap.string(), error)) << error;
-  ASSERT_TRUE(session.finish(error)) << error;
+  decodeCapture(session, cap);
   ASSERT_EQ(session.written().size(), 1u);
   EXPECT_NE(session.written()[0].find("_2001_db8__1__30000__2001_db8__2__30002_rtp1.wav"), std::string::npos)
       << session.written()[0];
@@ -348,9 +341,7 @@ TEST_F(CaptureTest, FragmentedSipDescribesTheStream) {
   CaptureOptions options;
   options.outDir = (m_dir / "out").string();
   CaptureSession session(options);
-  std::string error;
-  ASSERT_TRUE(session.readCapture(cap.string(), error)) << error;
-  ASSERT_TRUE(session.finish(error)) << error;
+  decodeCapture(session, cap);
   EXPECT_EQ(session.packetCounters().reassembled, 1u);
   ASSERT_EQ(session.streams().size(), 1u);
   EXPECT_EQ(session.streams()[0].codec, "amr-wb");
@@ -405,9 +396,7 @@ TEST_F(CaptureTest, DamagedInputWarnsAndStillDecodes) {
     CaptureOptions options;
     options.outDir = (m_dir / "out").string();
     CaptureSession session(options);
-    std::string error;
-    ASSERT_TRUE(session.readCapture(input.string(), error)) << error;
-    ASSERT_TRUE(session.finish(error)) << error;
+    decodeCapture(session, input);
     ASSERT_EQ(session.streams().size(), 1u);
     EXPECT_EQ(session.streams()[0].garbage, 11u);  // i % 9 == 4 below 100
     EXPECT_EQ(session.packetCounters().truncated, 1u);

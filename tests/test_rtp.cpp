@@ -10,7 +10,6 @@
 
 #include "codecs/speech/codeclib/amrwb/amrwb_decoder.h"
 #include "codecs/speech/codeclib/amrwb/amrwb_encoder.h"
-#include "codecs/speech/codeclib/g722/g722_engine.h"
 #include "codecs/speech/g729a/decoder.h"
 #include "codecs/speech/g729a/encoder.h"
 #include "codecs/waveform/g711.h"
@@ -399,13 +398,7 @@ TEST(RtpStreamAmrWb, MalformedPayloadIsCountedAndConcealed) {
 // G.722: the sub-band decoder's output behind the 16 kHz concealment delay.
 TEST(RtpStreamG722, LosslessIsBitExactAtSixteenKilohertz) {
   const auto pcm = speechLike(16000, 16000);
-  g722::Encoder encoder;
-  std::vector<std::vector<uint8_t>> payloads;
-  for (size_t i = 0; i + 320 <= pcm.size(); i += 320) {
-    std::vector<uint8_t> b(160);
-    encoder.encode(&pcm[i], 320, b.data());
-    payloads.push_back(b);
-  }
+  const auto payloads = quillon::test::g722Payloads(pcm);
   auto d = RtpStreamDecoder::create(describeStaticPayload(9));
   EXPECT_EQ(d->sampleRate(), 16000u);
   const auto out = run(*d, packetise(payloads, 9, 160));  // RTP clock 8000
