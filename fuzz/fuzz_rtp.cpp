@@ -1,6 +1,6 @@
 // libFuzzer target for the RTP stream decoder: the first byte picks a
 // payload description, the rest is a series of packets, each preceded by
-// a 16-bit little-endian length and a byte of arrival-time step; every
+// a 16-bit little-endian length and a byte of arrival-time step (ms); every
 // packet is pushed, and the decoded audio pulled, as a host would.
 #include <cstddef>
 #include <cstdint>
@@ -34,7 +34,11 @@ PayloadDescription pick(uint8_t selector) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1) return 0;
-  const PayloadDescription description = pick(data[0]);
+  PayloadDescription description = pick(data[0]);
+  // The stream's payload type is the first packet's, so that any captured
+  // stream can seed any codec.
+  RtpPacket first;
+  if (size > 4 && parseRtp(data + 4, size - 4, first)) description.payloadType = first.payloadType;
   auto decoder = RtpStreamDecoder::create(description, (data[0] & 0x80) ? 48000 : 0);
   if (!decoder) return 0;
   decoder->setEventPayloadType(101);

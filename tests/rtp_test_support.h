@@ -107,6 +107,20 @@ inline std::vector<uint8_t> udp(const Address& from, const Address& to, const st
   return u;
 }
 
+// A TCP segment (ACK/PSH) carrying `payload` at sequence number `seq`.
+inline std::vector<uint8_t> tcp(const Address& from, const Address& to, uint32_t seq, const std::string& payload) {
+  std::vector<uint8_t> t(20 + payload.size(), 0);
+  put16(t, 0, from.port);
+  put16(t, 2, to.port);
+  put16(t, 4, static_cast<uint16_t>(seq >> 16));
+  put16(t, 6, static_cast<uint16_t>(seq));
+  t[12] = 5 << 4;
+  t[13] = 0x18;
+  put16(t, 14, 65535);
+  if (!payload.empty()) std::memcpy(t.data() + 20, payload.data(), payload.size());
+  return t;
+}
+
 // IPv4 packets carrying `transport` (protocol 17 = UDP), split into
 // fragments of at most `fragmentBytes` of payload (a multiple of 8) when
 // it is not 0.

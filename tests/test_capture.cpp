@@ -2,7 +2,13 @@
 // functions, RTP made by the library's encoders; every decoded channel is
 // compared with the same packets decoded by the RTP stream decoder alone.
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
+
+#include <chrono>
 
 #include <filesystem>
 #include <fstream>
@@ -491,4 +497,149 @@ TEST(CaptureEModel, RatingFollowsG107AndG113Values) {
   // G.726 at 16 kbit/s (Ie 50) with heavy loss ends near the bottom of the scale.
   EXPECT_LT(tool::eModelRating(rtp::PayloadCodec::G726, 2, 100, 0, mos), tool::eModelRating(rtp::PayloadCodec::G726, 2, 10, 0, mos));
   EXPECT_LT(mos, 1.5);
+}
+
+// RTP from an outside program: ffmpeg's RTP muxer sends G.711 to a
+// loopback port; the datagrams received there are written to a capture,
+// with ffmpeg's own SDP file as --sdp. The decoded audio must equal
+// ffmpeg's own decoding of the same G.711 bytes (behind the concealment's
+// 3.75 ms delay).
+TEST_F(CaptureTest, FfmpegRtpOverLoopbackMatchesFfmpegDecoding) {
+  if (std::system("command -v ffmpeg >/dev/null 2>&1") != 0) GTEST_SKIP() << "ffmpeg not installed";
+  const auto pcm = speechLike(8000 * 2, 8000);
+  const fs::path raw = m_dir / "in.raw";
+  std::ofstream(raw, std::ios::binary).write(reinterpret_cast<const char*>(pcm.data()), static_cast<long>(pcm.size() * 2));
+  for (const std::string codec : {"pcm_mulaw", "pcm_alaw"}) {
+    const int sock = socket(AF_INET, SOCK_DGRAM, 0);
+    ASSERT_GE(sock, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    socklen_t len = sizeof addr;
+    getsockname(sock, reinterpret_cast<sockaddr*>(&addr), &len);
+    const int buffer = 4 << 20;
+    setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
+    const uint16_t port = ntohs(addr.sin_port);
+    const fs::path sdpFile = m_dir / (codec + ".sdp");
+    const std::string send = "timeout 20 ffmpeg -v error -y -f s16le -ar 8000 -ac 1 -i " + raw.string() + " -c:a " +
+                             codec + " -rtpflags skip_rtcp -sdp_file " + sdpFile.string() + " -f rtp rtp://127.0.0.1:" +
+                             std::to_string(port) + " >/dev/null 2>&1 &";
+    ASSERT_EQ(std::system(send.c_str()), 0);
+    // Receive until nothing has come for a second (at most 20 s).
+    const fs::path cap = m_dir / (codec + ".pcap");
+    {
+      PcapWriter w(cap.string(), DLT_RAW);
+      const Address to = v4(127, 0, 0, 1, port);
+      const auto begin = std::chrono::steady_clock::now();
+      bool any = false;
+      for (;;) {
+        pollfd p{sock, POLLIN, 0};
+        if (poll(&p, 1, any ? 1000 : 10000) <= 0) break;
+        uint8_t datagram[2048];
+        sockaddr_in from{};
+        socklen_t fromLength = sizeof from;
+        const ssize_t n = recvfrom(sock, datagram, sizeof datagram, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
+        if (n <= 0) break;
+        any = true;
+        const uint64_t t = kStart + static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                                               std::chrono::steady_clock::now() - begin).count());
+        const Address source = v4(127, 0, 0, 1, ntohs(from.sin_port));
+        w.add(ipv4(source, to, udp(source, to, std::vector<uint8_t>(datagram, datagram + n)))[0], t);
+        if (std::chrono::steady_clock::now() - begin > std::chrono::seconds(20)) break;
+      }
+    }
+    close(sock);
+    ASSERT_TRUE(fs::exists(sdpFile));
+    // ffmpeg's decoding of its own G.711 bytes.
+    const fs::path ref = m_dir / (codec + ".ref");
+    const std::string decode = "ffmpeg -v error -y -f s16le -ar 8000 -ac 1 -i " + raw.string() + " -c:a " + codec +
+                               " -f wav - 2>/dev/null | ffmpeg -v error -y -i - -f s16le " + ref.string();
+    ASSERT_EQ(std::system(decode.c_str()), 0);
+    const auto refBytes = readFile(ref);
+    std::vector<int16_t> expected(30, 0);
+    for (size_t i = 0; i + 1 < refBytes.size(); i += 2)
+      expected.push_back(static_cast<int16_t>(refBytes[i] | (refBytes[i + 1] << 8)));
+
+    fs::remove_all(m_dir / "out");
+    fs::create_directories(m_dir / "out");
+    CaptureOptions options;
+    options.outDir = (m_dir / "out").string();
+    options.split = true;
+    CaptureSession session(options);
+    std::string error;
+    ASSERT_TRUE(session.addSdp(readText(sdpFile), error)) << error;
+    decodeCapture(session, cap);
+    ASSERT_EQ(session.streams().size(), 1u) << codec;
+    EXPECT_EQ(session.streams()[0].codec, codec == "pcm_mulaw" ? "pcmu" : "pcma");
+    EXPECT_EQ(session.streams()[0].stats.lost, 0u);
+    ASSERT_EQ(session.written().size(), 1u);
+    EXPECT_EQ(readWave(session.written()[0]).samples, expected) << codec;
+  }
+}
+
+// SIP over TCP, the INVITE split over two segments, in BSD loopback
+// framing: its SDP maps a dynamic payload type to G.722.
+TEST_F(CaptureTest, SipOverTcpInLoopbackFraming) {
+  const std::string invite = sip("INVITE sip:bob@example.com SIP/2.0", "1 INVITE",
+                                 sdp("10.0.0.1", 40000, "98", "a=rtpmap:98 G722/8000\r\n"), "tcp-call");
+  const std::string ok = sip("SIP/2.0 200 OK", "1 INVITE", sdp("10.0.0.2", 50000, "98", "a=rtpmap:98 G722/8000\r\n"),
+                             "tcp-call");
+  const auto payloads = g722Payloads(speechLike(16000, 16000));
+  const auto packets = stream(98, 9, kStart + 200000, payloads.size(), 160, [&](size_t i) { return payloads[i]; });
+  const fs::path cap = m_dir / "tcp.pcap";
+  {
+    PcapWriter w(cap.string(), DLT_NULL);
+    auto loop = [](const std::vector<uint8_t>& ip) {
+      std::vector<uint8_t> f(4 + ip.size(), 0);
+      const uint32_t family = 2;  // AF_INET in the capturing host's order
+      std::memcpy(f.data(), &family, 4);
+      std::memcpy(f.data() + 4, ip.data(), ip.size());
+      return f;
+    };
+    const size_t half = invite.size() / 2;
+    w.add(loop(ipv4(kAlice, kBob, tcp(kAlice, kBob, 1, invite.substr(0, half)), 1, 0, 6)[0]), kStart);
+    w.add(loop(ipv4(kAlice, kBob, tcp(kAlice, kBob, 1 + static_cast<uint32_t>(half), invite.substr(half)), 2, 0, 6)[0]),
+          kStart + 1000);
+    w.add(loop(ipv4(kBob, kAlice, tcp(kBob, kAlice, 1, ok), 3, 0, 6)[0]), kStart + 100000);
+    for (const Packet& p : packets) w.add(loop(ipv4(kAliceMedia, kBobMedia, udp(kAliceMedia, kBobMedia, p.rtp))[0]), p.time);
+  }
+  CaptureOptions options;
+  options.outDir = (m_dir / "out").string();
+  CaptureSession session(options);
+  decodeCapture(session, cap);
+  EXPECT_EQ(session.sipMessages(), 2u);
+  ASSERT_EQ(session.streams().size(), 1u);
+  EXPECT_EQ(session.streams()[0].codec, "g722");
+  EXPECT_EQ(session.streams()[0].callId, "tcp-call");
+  ASSERT_EQ(session.written().size(), 1u);
+  EXPECT_NE(session.written()[0].find("_alice_bob_tcp-call.wav"), std::string::npos);
+  EXPECT_EQ(readWave(session.written()[0]).samples, decodeDirectly(rtp::describePayload(98, "G722/8000", nullptr), packets));
+}
+
+// A file header whose snap length is smaller than its records (libpcap
+// would cut every record to it): the records are read in full, with a
+// warning.
+TEST_F(CaptureTest, SnapLengthSmallerThanTheRecords) {
+  const auto payloads = g711Payloads(20, false, 7);
+  const auto packets = stream(0, 1, kStart, 20, 160, [&](size_t i) { return payloads[i]; });
+  const fs::path cap = m_dir / "snap.pcap";
+  {
+    PcapWriter w(cap.string(), DLT_EN10MB);
+    for (const Packet& p : packets)
+      w.add(ethernet(ipv4(kAliceMedia, kBobMedia, udp(kAliceMedia, kBobMedia, p.rtp))[0]), p.time);
+  }
+  auto file = readFile(cap);
+  const uint32_t snap = 64;
+  std::memcpy(file.data() + 16, &snap, 4);
+  std::ofstream(cap, std::ios::binary | std::ios::trunc).write(reinterpret_cast<const char*>(file.data()), static_cast<long>(file.size()));
+  CaptureOptions options;
+  options.outDir = (m_dir / "out").string();
+  CaptureSession session(options);
+  decodeCapture(session, cap);
+  EXPECT_EQ(session.packetCounters().truncated, 0u);
+  ASSERT_EQ(session.written().size(), 1u);
+  EXPECT_EQ(readWave(session.written()[0]).samples, decodeDirectly(rtp::describeStaticPayload(0), packets));
+  ASSERT_FALSE(session.warnings().empty());
+  EXPECT_NE(session.warnings()[0].find("20 records are longer than the snap length the file declares (64)"), std::string::npos);
 }

@@ -206,13 +206,84 @@ bool CaptureSession::addSdp(const std::string& text, std::string& error) {
   return true;
 }
 
-bool CaptureSession::readCapture(const std::string& path, std::string& error) {
-  char errbuf[PCAP_ERRBUF_SIZE] = {};
-  pcap_t* p = pcap_open_offline(path.c_str(), errbuf);
-  if (!p) {
-    error = (path == "-" ? std::string("standard input") : path) + ": " + errbuf;
-    return false;
+namespace {
+
+// The capture as libpcap reads it. A classic pcap header's snap length is
+// raised to libpcap's maximum on the way in: libpcap cuts every record
+// longer than the declared snap length, and a header that understates it
+// would otherwise cost every packet. The declared value is kept to warn.
+struct CaptureInput {
+  FILE* file = nullptr;
+  bool ownFile = false;
+  unsigned char head[24] = {};
+  size_t headBytes = 0;
+  size_t headPos = 0;
+  uint32_t declaredSnap = 0;  // 0: not a classic pcap file
+
+  static ssize_t read(void* cookie, char* buffer, size_t n) {
+    auto* in = static_cast<CaptureInput*>(cookie);
+    size_t done = 0;
+    while (done < n && in->headPos < in->headBytes) buffer[done++] = static_cast<char>(in->head[in->headPos++]);
+    if (done < n) done += std::fread(buffer + done, 1, n - done, in->file);
+    return static_cast<ssize_t>(done);
   }
+  static int close(void* cookie) {
+    auto* in = static_cast<CaptureInput*>(cookie);
+    if (in->ownFile) std::fclose(in->file);
+    delete in;
+    return 0;
+  }
+};
+
+// Opens the capture; null with `error` set when it cannot be read.
+pcap_t* openCapture(const std::string& path, uint32_t& declaredSnap, std::string& error) {
+  auto* in = new CaptureInput;
+  in->ownFile = path != "-";
+  in->file = in->ownFile ? std::fopen(path.c_str(), "rb") : stdin;
+  if (!in->file) {
+    error = path + ": " + std::strerror(errno);
+    delete in;
+    return nullptr;
+  }
+  in->headBytes = std::fread(in->head, 1, sizeof in->head, in->file);
+  if (in->headBytes == sizeof in->head) {
+    uint32_t magic = 0;
+    std::memcpy(&magic, in->head, 4);
+    const bool native = magic == 0xa1b2c3d4u || magic == 0xa1b23c4du;
+    const bool swapped = magic == 0xd4c3b2a1u || magic == 0x4d3cb2a1u;
+    if (native || swapped) {
+      uint32_t snap = 0;
+      std::memcpy(&snap, in->head + 16, 4);
+      in->declaredSnap = swapped ? __builtin_bswap32(snap) : snap;
+      const uint32_t raised = swapped ? __builtin_bswap32(262144u) : 262144u;
+      if (in->declaredSnap < 262144u) std::memcpy(in->head + 16, &raised, 4);
+    }
+  }
+  declaredSnap = in->declaredSnap;
+  cookie_io_functions_t io{};
+  io.read = &CaptureInput::read;
+  io.close = &CaptureInput::close;
+  FILE* wrapped = fopencookie(in, "rb", io);
+  if (!wrapped) {
+    error = path + ": " + std::strerror(errno);
+    CaptureInput::close(in);
+    return nullptr;
+  }
+  char errbuf[PCAP_ERRBUF_SIZE] = {};
+  pcap_t* p = pcap_fopen_offline(wrapped, errbuf);
+  if (!p) {
+    std::fclose(wrapped);
+    error = (path == "-" ? std::string("standard input") : path) + ": " + errbuf;
+  }
+  return p;
+}
+
+}  // namespace
+
+bool CaptureSession::readCapture(const std::string& path, std::string& error) {
+  uint32_t declaredSnap = 0;
+  pcap_t* p = openCapture(path, declaredSnap, error);
+  if (!p) return false;
   m_captureIndex++;
   const int linkType = pcap_datalink(p);
   if (!linkTypeSupported(linkType)) {
@@ -221,12 +292,16 @@ bool CaptureSession::readCapture(const std::string& path, std::string& error) {
   }
   struct pcap_pkthdr* header = nullptr;
   const u_char* data = nullptr;
+  uint64_t overlong = 0;
   int r;
   while ((r = pcap_next_ex(p, &header, &data)) == 1) {
-    const int frameLink = linkType;
+    if (declaredSnap && header->caplen > declaredSnap) overlong++;
     const uint64_t time = static_cast<uint64_t>(header->ts.tv_sec) * 1000000u + static_cast<uint64_t>(header->ts.tv_usec);
-    addFrame(frameLink, data, header->caplen, time);
+    addFrame(linkType, data, header->caplen, time);
   }
+  if (overlong)
+    warn(path + ": " + std::to_string(overlong) + " records are longer than the snap length the file declares (" +
+         std::to_string(declaredSnap) + "); read in full");
   if (r == -1) warn(path + ": capture ends early: " + pcap_geterr(p));
   pcap_close(p);
   return true;
