@@ -5,7 +5,10 @@
 #include <gtest/gtest.h>
 #include <opus/opus.h>
 
+#include <atomic>
 #include <cmath>
+#include <cstdlib>
+#include <new>
 #include <thread>
 
 #include "codecs/speech/codeclib/amrwb/amrwb_decoder.h"
@@ -15,6 +18,7 @@
 #include "codecs/waveform/g711.h"
 #include "quillon/rtp.h"
 #include "rtp/waveform_concealer.h"
+#include "allocation_counter.h"
 #include "rtp_test_support.h"
 #include "test_support.h"
 
@@ -628,5 +632,50 @@ TEST(RtpStreamSilk, ConformanceStreamsAsRtpMatchTheReference) {
     auto d = RtpStreamDecoder::create(describePayload(98, "SILK/8000", nullptr), 8000);
     ASSERT_NE(d, nullptr);
     EXPECT_EQ(run(*d, packets), expected) << name;
+  }
+}
+
+// After creation nothing is allocated: packets with loss, reordering,
+// duplicates, pauses and comfort noise, for every payload format.
+TEST(RtpStreamTimeline, NoAllocationPerPacket) {
+  {
+    // The counter sees what it should.
+    quillon::test::AllocationCounter counter;
+    auto decoder = RtpStreamDecoder::create(describeStaticPayload(0));
+    EXPECT_GT(counter.count(), 0u);
+  }
+  const auto pcm = speechLike(16000, 8000, true);
+  const auto ulaw = ulawFrames(pcm);
+  struct Case {
+    PayloadDescription description;
+    uint32_t tsStep;
+  };
+  const Case cases[] = {{describeStaticPayload(0), 160},  {describeStaticPayload(9), 160},
+                        {describeStaticPayload(18), 160}, {describePayload(96, "AMR-WB/16000", nullptr), 320},
+                        {describePayload(96, "G726-32/8000", nullptr), 160},
+                        {describePayload(96, "opus/48000/2", nullptr), 960},
+                        {describePayload(96, "SILK/16000", nullptr), 320}};
+  for (const Case& c : cases) {
+    auto d = RtpStreamDecoder::create(c.description);
+    ASSERT_NE(d, nullptr);
+    d->setEventPayloadType(101);
+    // Payloads need not be valid for the codec: unusable ones take the
+    // concealment path, which must not allocate either.
+    std::vector<Sent> packets = packetise(ulaw, c.description.payloadType, c.tsStep);
+    for (size_t i = 0; i < packets.size(); i += 9) packets[i].bytes[1] = 13;  // comfort noise
+    packets.erase(packets.begin() + 20);
+    std::swap(packets[30], packets[31]);
+    packets.push_back(packets[40]);
+    int16_t out[512];
+    quillon::test::AllocationCounter counter;
+    for (const Sent& p : packets) {
+      d->push(p.bytes.data(), p.bytes.size(), p.arrival);
+      while (d->pull(out, 512) > 0) {
+      }
+    }
+    d->flush();
+    while (d->pull(out, 512) > 0) {
+    }
+    EXPECT_EQ(counter.count(), 0u) << payloadCodecName(c.description.codec);
   }
 }
