@@ -161,6 +161,26 @@ inline std::vector<uint8_t> ipv6(const Address& from, const Address& to, const s
   return h;
 }
 
+// IPv6 packets with a fragment header each, `fragmentBytes` (a multiple
+// of 8) of `transport` per fragment.
+inline std::vector<std::vector<uint8_t>> ipv6Fragments(const Address& from, const Address& to,
+                                                       const std::vector<uint8_t>& transport, uint32_t id,
+                                                       size_t fragmentBytes, int protocol = 17) {
+  std::vector<std::vector<uint8_t>> out;
+  for (size_t offset = 0; offset < transport.size(); offset += fragmentBytes) {
+    const size_t n = std::min(fragmentBytes, transport.size() - offset);
+    std::vector<uint8_t> piece(8 + n, 0);
+    piece[0] = static_cast<uint8_t>(protocol);
+    const bool more = offset + n < transport.size();
+    put16(piece, 2, static_cast<uint16_t>(offset | (more ? 1 : 0)));
+    put16(piece, 4, static_cast<uint16_t>(id >> 16));
+    put16(piece, 6, static_cast<uint16_t>(id));
+    std::memcpy(piece.data() + 8, transport.data() + offset, n);
+    out.push_back(ipv6(from, to, piece, 44));
+  }
+  return out;
+}
+
 // Ethernet framing with `tags` 802.1Q tags (the outer one 802.1ad when
 // there are two).
 inline std::vector<uint8_t> ethernet(const std::vector<uint8_t>& ip, int tags = 0) {

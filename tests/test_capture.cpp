@@ -643,3 +643,41 @@ TEST_F(CaptureTest, SnapLengthSmallerThanTheRecords) {
   ASSERT_FALSE(session.warnings().empty());
   EXPECT_NE(session.warnings()[0].find("20 records are longer than the snap length the file declares (64)"), std::string::npos);
 }
+
+// IPv6 throughout: a fragmented INVITE (fragments interleaved with media,
+// out of order) whose SDP gives an IPv6 media address and a dynamic G.722
+// payload type, behind one VLAN tag.
+TEST_F(CaptureTest, FragmentedIpv6SipWithIpv6Media) {
+  const Address alice = v6(1, 5060), bob = v6(2, 5060), aliceMedia = v6(1, 41000), bobMedia = v6(2, 51000);
+  std::string attributes = "a=rtpmap:99 G722/8000\r\n";
+  for (int i = 0; i < 40; i++) attributes += "a=x-padding:" + std::string(40, 'y') + "\r\n";
+  std::string body = "v=0\r\no=- 1 1 IN IP6 2001:db8::1\r\ns=-\r\nc=IN IP6 2001:db8::1\r\nt=0 0\r\nm=audio 41000 RTP/AVP 99\r\n" +
+                     attributes;
+  const std::string invite = sip("INVITE sip:bob@example.com SIP/2.0", "1 INVITE", body, "v6-call");
+  const auto payloads = g722Payloads(speechLike(16000, 16000));
+  const auto packets = stream(99, 4, kStart + 20000, payloads.size(), 160, [&](size_t i) { return payloads[i]; });
+  const fs::path cap = m_dir / "v6frag.pcap";
+  {
+    PcapWriter w(cap.string(), DLT_EN10MB);
+    auto fragments = ipv6Fragments(alice, bob, udp(alice, bob, bytes(invite)), 77, 1000);
+    ASSERT_GE(fragments.size(), 2u);
+    w.add(ethernet(fragments[1], 1), kStart);
+    for (size_t i = 0; i < packets.size(); i++) {
+      if (i == 1) w.add(ethernet(fragments[0], 1), kStart + 1000);
+      if (i == 1)
+        for (size_t k = 2; k < fragments.size(); k++) w.add(ethernet(fragments[k], 1), kStart + 2000);
+      w.add(ethernet(ipv6(bobMedia, aliceMedia, udp(bobMedia, aliceMedia, packets[i].rtp)), 1), packets[i].time);
+    }
+  }
+  CaptureOptions options;
+  options.outDir = (m_dir / "out").string();
+  CaptureSession session(options);
+  decodeCapture(session, cap);
+  EXPECT_EQ(session.packetCounters().reassembled, 1u);
+  ASSERT_EQ(session.streams().size(), 1u);
+  EXPECT_EQ(session.streams()[0].codec, "g722");
+  EXPECT_EQ(session.streams()[0].callId, "v6-call");
+  EXPECT_EQ(session.streams()[0].side, "callee");
+  ASSERT_EQ(session.written().size(), 1u);
+  EXPECT_EQ(readWave(session.written()[0]).samples, decodeDirectly(rtp::describePayload(99, "G722/8000", nullptr), packets));
+}

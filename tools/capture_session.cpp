@@ -22,6 +22,7 @@ namespace {
 constexpr size_t kProbationPackets = 3;  // consistent packets before a stream counts as RTP
 constexpr size_t kProbationLimit = 8;    // packets tried before giving up
 constexpr size_t kMaxCandidate = 1600;   // bytes of a held packet
+constexpr size_t kMaxStreams = 4096;     // address pairs followed
 
 // Short names accepted by --pt, as rtpmap and fmtp text.
 struct ShortName {
@@ -420,7 +421,12 @@ void CaptureSession::handleUdp(const Datagram& d) {
 CaptureSession::Stream* CaptureSession::streamFor(const Endpoint& source, const Endpoint& destination, uint64_t time) {
   auto found = m_byTuple.find({source, destination});
   if (found != m_byTuple.end()) return found->second;
-  if (m_streams.size() >= 4096) return nullptr;
+  if (m_streams.size() >= kMaxStreams) {
+    if (!m_tooManyStreams) warn("more than " + std::to_string(kMaxStreams) + " address pairs; the rest are skipped");
+    m_tooManyStreams = true;
+    m_otherUdp++;
+    return nullptr;
+  }
   m_streams.push_back(std::make_unique<Stream>());
   Stream* s = m_streams.back().get();
   s->source = source;
@@ -683,7 +689,8 @@ bool CaptureSession::finish(std::string& error) {
 bool CaptureSession::writeCall(Call& c, std::string& error) {
   uint64_t start = UINT64_MAX;
   for (Stream* s : c.streams) start = std::min(start, s->firstTime);
-  const std::string base = timeText(start) + "_" + sanitise(c.caller, 40) + "_" + sanitise(c.callee, 40) + "_" +
+  // The call starts with its INVITE, or without signalling with its first packet.
+  const std::string base = timeText(c.fromSip ? std::min(c.start, start) : start) + "_" + sanitise(c.caller, 40) + "_" + sanitise(c.callee, 40) + "_" +
                            sanitise(c.callId, 60);
   std::vector<std::pair<Stream*, std::string>> files;
   bool ok = true;

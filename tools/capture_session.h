@@ -109,6 +109,7 @@ class CaptureSession {
   std::vector<StreamSummary> m_summaries;
   uint64_t m_rtcp = 0, m_otherUdp = 0, m_sipMessages = 0;
   uint64_t m_captureIndex = 0;
+  bool m_tooManyStreams = false;
 };
 
 }  // namespace quillon::tool
