@@ -681,3 +681,40 @@ TEST_F(CaptureTest, FragmentedIpv6SipWithIpv6Media) {
   ASSERT_EQ(session.written().size(), 1u);
   EXPECT_EQ(readWave(session.written()[0]).samples, decodeDirectly(rtp::describePayload(99, "G722/8000", nullptr), packets));
 }
+
+// pcapng (written here block by block: section header, interface
+// description, enhanced packet blocks), from a file and from standard input.
+TEST_F(CaptureTest, ReadsPcapng) {
+  const auto payloads = g711Payloads(25, true, 8);
+  const auto packets = stream(8, 3, kStart, 25, 160, [&](size_t i) { return payloads[i]; });
+  std::vector<uint8_t> file;
+  auto u32 = [&](uint32_t v) { file.insert(file.end(), reinterpret_cast<uint8_t*>(&v), reinterpret_cast<uint8_t*>(&v) + 4); };
+  auto u16 = [&](uint16_t v) { file.insert(file.end(), reinterpret_cast<uint8_t*>(&v), reinterpret_cast<uint8_t*>(&v) + 2); };
+  u32(0x0a0d0d0a), u32(28), u32(0x1a2b3c4d), u16(1), u16(0), u32(0xffffffff), u32(0xffffffff), u32(28);
+  u32(1), u32(20), u16(DLT_EN10MB), u16(0), u32(0), u32(20);
+  for (const Packet& p : packets) {
+    const auto frame = ethernet(ipv4(kAliceMedia, kBobMedia, udp(kAliceMedia, kBobMedia, p.rtp))[0]);
+    const size_t padded = (frame.size() + 3) / 4 * 4;
+    const uint32_t total = static_cast<uint32_t>(32 + padded);
+    u32(6), u32(total), u32(0), u32(static_cast<uint32_t>(p.time >> 32)), u32(static_cast<uint32_t>(p.time));
+    u32(static_cast<uint32_t>(frame.size())), u32(static_cast<uint32_t>(frame.size()));
+    file.insert(file.end(), frame.begin(), frame.end());
+    file.resize(file.size() + padded - frame.size(), 0);
+    u32(total);
+  }
+  const fs::path cap = m_dir / "call.pcapng";
+  std::ofstream(cap, std::ios::binary).write(reinterpret_cast<const char*>(file.data()), static_cast<long>(file.size()));
+  CaptureOptions options;
+  options.outDir = (m_dir / "out").string();
+  CaptureSession session(options);
+  decodeCapture(session, cap);
+  ASSERT_EQ(session.written().size(), 1u);
+  EXPECT_EQ(readWave(session.written()[0]).samples, decodeDirectly(rtp::describeStaticPayload(8), packets));
+  EXPECT_TRUE(session.warnings().empty());
+
+  const std::string cmd = std::string(QUILLON_TOOL_PATH) + " capture --dry-run - < " + cap.string() + " > " +
+                          (m_dir / "stdout.txt").string() + " 2>&1";
+  ASSERT_EQ(std::system(cmd.c_str()), 0);
+  EXPECT_NE(readText(m_dir / "stdout.txt").find("pcma: 25 packets, 0 lost"), std::string::npos)
+      << readText(m_dir / "stdout.txt");
+}
