@@ -318,7 +318,14 @@ void CaptureSession::addFrame(int linkType, const uint8_t* frame, size_t bytes, 
 void CaptureSession::handleTcp(const Datagram& d) {
   // SIP over TCP: segments in capture order, concatenated per direction.
   const bool sipPort = d.source.port == 5060 || d.destination.port == 5060;
-  std::string& buffer = m_tcpBuffers[{d.source, d.destination}];
+  auto found = m_tcpBuffers.find({d.source, d.destination});
+  if (found == m_tcpBuffers.end()) {
+    if (!looksLikeSip(d.payload, d.bytes) && !sipPort) return;
+    // Connections that never close keep their buffers; bound how many.
+    if (m_tcpBuffers.size() >= 1024) m_tcpBuffers.clear();
+    found = m_tcpBuffers.emplace(std::make_pair(d.source, d.destination), std::string()).first;
+  }
+  std::string& buffer = found->second;
   if (buffer.empty() && !looksLikeSip(d.payload, d.bytes) && !sipPort) return;
   buffer.append(reinterpret_cast<const char*>(d.payload), d.bytes);
   while (!buffer.empty()) {
@@ -760,7 +767,8 @@ bool CaptureSession::writeCall(Call& c, std::string& error) {
   for (int k = 0; k < 2; k++) {
     if (!sides[k]) continue;
     std::vector<int16_t> pcm = upsample(sides[k]->pcm, sides[k]->decoder->sampleRate(), rate);
-    const uint64_t lead = (sides[k]->pcmStart - start) * rate / 1000000u;
+    const uint64_t first = std::max(sides[k]->pcmStart, start);
+    const uint64_t lead = (first - start) * rate / 1000000u;
     channel[k].assign(static_cast<size_t>(lead), 0);
     channel[k].insert(channel[k].end(), pcm.begin(), pcm.end());
   }
