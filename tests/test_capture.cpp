@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 
 #include <filesystem>
 #include <fstream>
@@ -717,4 +718,40 @@ TEST_F(CaptureTest, ReadsPcapng) {
   ASSERT_EQ(std::system(cmd.c_str()), 0);
   EXPECT_NE(readText(m_dir / "stdout.txt").find("pcma: 25 packets, 0 lost"), std::string::npos)
       << readText(m_dir / "stdout.txt");
+}
+
+namespace {
+
+// Level of one frequency in a signal (Goertzel), as an amplitude.
+double toneAmplitude(const std::vector<int16_t>& x, double frequency, uint32_t rate, size_t from, size_t to) {
+  const double w = 2 * M_PI * frequency / rate;
+  double s1 = 0, s2 = 0;
+  for (size_t i = from; i < to; i++) {
+    const double s = x[i] + 2 * std::cos(w) * s1 - s2;
+    s2 = s1;
+    s1 = s;
+  }
+  const double power = s1 * s1 + s2 * s2 - 2 * std::cos(w) * s1 * s2;
+  return 2 * std::sqrt(std::max(power, 0.0)) / static_cast<double>(to - from);
+}
+
+}  // namespace
+
+// The 8 kHz leg of a wideband call: a 3 kHz tone keeps its level and its
+// image at 5 kHz is removed.
+TEST(CaptureUpsample, IntegerRatioKeepsTheBandAndRemovesImages) {
+  std::vector<int16_t> tone(8000);
+  for (size_t i = 0; i < tone.size(); i++) tone[i] = static_cast<int16_t>(10000 * std::sin(2 * M_PI * 3000 * i / 8000.0));
+  for (uint32_t to : {16000u, 48000u}) {
+    const auto up = tool::upsample(tone, 8000, to);
+    ASSERT_EQ(up.size(), tone.size() * (to / 8000));
+    const size_t a = up.size() / 4, b = up.size() * 3 / 4;
+    EXPECT_NEAR(toneAmplitude(up, 3000, to, a, b), 10000, 300) << to;
+    EXPECT_LT(toneAmplitude(up, 5000, to, a, b), 100) << to;  // -40 dB
+  }
+  // Sample L*k is sample k (within the filter's rounding) on a slow signal.
+  std::vector<int16_t> slow(800);
+  for (size_t i = 0; i < slow.size(); i++) slow[i] = static_cast<int16_t>(8000 * std::sin(2 * M_PI * 200 * i / 8000.0));
+  const auto up = tool::upsample(slow, 8000, 16000);
+  for (size_t k = 20; k < 780; k += 37) EXPECT_NEAR(up[2 * k], slow[k], 80) << k;
 }

@@ -89,21 +89,6 @@ std::string csvField(const std::string& s) {
   return out + "\"";
 }
 
-// Linear interpolation to a higher rate (8 kHz legs of a wideband call).
-std::vector<int16_t> upsample(const std::vector<int16_t>& in, uint32_t from, uint32_t to) {
-  if (from == to || in.empty()) return in;
-  const size_t n = static_cast<size_t>(static_cast<uint64_t>(in.size()) * to / from);
-  std::vector<int16_t> out(n);
-  for (size_t i = 0; i < n; i++) {
-    const double pos = static_cast<double>(i) * from / to;
-    const size_t k = static_cast<size_t>(pos);
-    const double f = pos - static_cast<double>(k);
-    const double a = in[k], b = k + 1 < in.size() ? in[k + 1] : in[k];
-    out[i] = static_cast<int16_t>(std::lrint(a + (b - a) * f));
-  }
-  return out;
-}
-
 }  // namespace
 
 struct CaptureSession::Stream {
@@ -136,6 +121,51 @@ struct CaptureSession::Call {
   std::vector<SdpMedia> callerMedia, calleeMedia;
   std::vector<Stream*> streams;
 };
+
+std::vector<int16_t> upsample(const std::vector<int16_t>& in, uint32_t from, uint32_t to) {
+  if (from == 0 || to <= from || in.empty()) return in;
+  if (to % from != 0) {
+    // Ratios such as 12 -> 16 kHz: linear interpolation.
+    const size_t n = static_cast<size_t>(static_cast<uint64_t>(in.size()) * to / from);
+    std::vector<int16_t> out(n);
+    for (size_t i = 0; i < n; i++) {
+      const double pos = static_cast<double>(i) * from / to;
+      const size_t k = static_cast<size_t>(pos);
+      const double f = pos - static_cast<double>(k);
+      const double a = in[k], b = k + 1 < in.size() ? in[k + 1] : in[k];
+      out[i] = static_cast<int16_t>(std::lrint(a + (b - a) * f));
+    }
+    return out;
+  }
+  // Integer ratio L: zero-stuffing and a windowed-sinc low-pass at 0.45 of
+  // the input rate (Blackman window, 48 input samples per output sample),
+  // centred so that output sample L*k falls on input sample k.
+  const int ratio = static_cast<int>(to / from);
+  constexpr int kHalfTaps = 24;  // input samples on each side
+  const int half = kHalfTaps * ratio;
+  std::vector<double> h(static_cast<size_t>(2 * half + 1));
+  const double cutoff = 0.45 / ratio;  // of the output rate
+  for (int n = -half; n <= half; n++) {
+    const double x = 2 * M_PI * cutoff * n;
+    const double sinc = n == 0 ? 1.0 : std::sin(x) / x;
+    const double w = 0.42 + 0.5 * std::cos(M_PI * n / half) + 0.08 * std::cos(2 * M_PI * n / half);
+    h[static_cast<size_t>(n + half)] = 2 * cutoff * ratio * sinc * w;
+  }
+  const size_t length = in.size() * static_cast<size_t>(ratio);
+  std::vector<int16_t> out(length);
+  for (size_t m = 0; m < length; m++) {
+    const long centre = static_cast<long>(m / static_cast<size_t>(ratio));
+    double acc = 0;
+    for (long k = centre - kHalfTaps; k <= centre + kHalfTaps; k++) {
+      if (k < 0 || k >= static_cast<long>(in.size())) continue;
+      const long tap = static_cast<long>(m) - k * ratio + half;
+      if (tap < 0 || tap > 2 * half) continue;
+      acc += in[static_cast<size_t>(k)] * h[static_cast<size_t>(tap)];
+    }
+    out[m] = static_cast<int16_t>(std::lrint(std::clamp(acc, -32768.0, 32767.0)));
+  }
+  return out;
+}
 
 bool parsePayloadOption(const std::string& text, int& payloadType, SdpFormat& format) {
   const size_t eq = text.find('=');

@@ -30,6 +30,11 @@ struct CaptureOptions {
 // Parses a --pt value "96=amrwb", "96=AMR-WB/16000;octet-align=1".
 bool parsePayloadOption(const std::string& text, int& payloadType, SdpFormat& format);
 
+// Raises a mono signal from `from` to `to` Hz (to > from) for a call whose
+// legs differ in rate: a windowed-sinc interpolator for integer ratios,
+// linear interpolation otherwise.
+std::vector<int16_t> upsample(const std::vector<int16_t>& in, uint32_t from, uint32_t to);
+
 // The E-model (ITU-T G.107, simplified: default values but for the
 // equipment impairment, its packet-loss robustness and the delay) for one
 // stream: returns the R-factor; mos receives the estimated MOS.
