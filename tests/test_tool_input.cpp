@@ -2,8 +2,6 @@
 // opus-tools (or written here byte by byte): pipes, stereo, WAVE variants,
 // Ogg Opus trimming and damage, and bounded memory.
 #include <gtest/gtest.h>
-#include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +13,7 @@
 #include "codecs/waveform/g711.h"
 #include "quillon/quillon_c.h"
 #include "test_support.h"
+#include "tool_fixture.h"
 
 namespace fs = std::filesystem;
 using quillon::test::readFile;
@@ -29,37 +28,10 @@ bool have(const char* program) {
   for (const char* p : {__VA_ARGS__})                                      \
     if (!have(p)) GTEST_SKIP() << p << " is not installed (tools/scripts/install-deps.sh)"
 
-class ToolInput : public ::testing::Test {
+class ToolInput : public quillon::test::ToolFixture {
  protected:
-  void SetUp() override {
-    dir = fs::temp_directory_path() / ("quillon-input-" + std::to_string(::getpid()) + "-" +
-                                       ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::create_directories(dir);
-  }
-  void TearDown() override { fs::remove_all(dir); }
-
   std::string at(const std::string& name) const { return (dir / name).string(); }
-
-  // Runs a shell command line in `dir`; exit status, stderr in `err`.
-  int sh(const std::string& line, std::string* err = nullptr) {
-    const std::string errFile = at("stderr.txt");
-    const std::string cmd = "cd '" + dir.string() + "' && (" + line + ") 2>" + errFile;
-    const int status = std::system(cmd.c_str());
-    if (err) {
-      std::ifstream f(errFile);
-      err->assign(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  int tool(const std::string& args, std::string* err = nullptr) {
-    return sh(std::string(QUILLON_TOOL_PATH) + " " + args + " >/dev/null", err);
-  }
-  void writeBytes(const std::string& name, const std::vector<uint8_t>& b) {
-    std::ofstream(at(name), std::ios::binary)
-        .write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
-  }
-
-  fs::path dir;
+  int tool(const std::string& args, std::string* err = nullptr) { return run(args, err); }
 };
 
 struct Wave {
@@ -403,21 +375,9 @@ TEST_F(ToolInput, EmptyOpusPacketsStreamInBoundedMemory) {
   GTEST_SKIP() << "sanitizer runtimes inflate the resident set; measured in the plain build";
 #endif
   writeBytes("empty.opus", std::vector<uint8_t>(2 * 2000, 0));  // 2000 s of concealment, 64 MB of PCM
-  const pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    const int null = ::open("/dev/null", O_WRONLY);
-    dup2(null, 2);
-    execl(QUILLON_TOOL_PATH, "quillon", "decode", "--raw", "--codec", "opus", at("empty.opus").c_str(), "/dev/null",
-          static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  int status = 0;
-  struct rusage usage {};
-  ASSERT_EQ(wait4(pid, &status, 0, &usage), pid);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_LT(usage.ru_maxrss, 20 * 1024) << "peak resident set in KiB";
+  long peak = 0;
+  EXPECT_EQ(runMeasured({"decode", "--raw", "--codec", "opus", at("empty.opus"), "/dev/null"}, peak), 0);
+  EXPECT_LT(peak, 20 * 1024) << "peak resident set in KiB";
   std::string err;
   ASSERT_EQ(tool("decode --codec opus empty.opus /dev/null", &err), 0);
   size_t warnings = 0;
