@@ -359,12 +359,32 @@ TEST_F(ToolInput, OggOpusLikeOpusdec) {
   ASSERT_EQ(tool("decode damaged.opus damaged.wav", &err), 0) << err;
   EXPECT_NE(err.find("checksum"), std::string::npos) << err;
   EXPECT_GT(readWave(dir / "damaged.wav").samples().size(), 30000u);
+  // A missing page is reported and skipped over.
+  std::vector<uint8_t> gap = readFile(dir / "a.opus");
+  const auto pageAt = [&](size_t from) {
+    return static_cast<size_t>(std::search(gap.begin() + static_cast<long>(from), gap.end(), std::begin("OggS"),
+                                           std::end("OggS") - 1) - gap.begin());
+  };
+  const size_t fourth = pageAt(pageAt(pageAt(pageAt(0) + 1) + 1) + 1), fifth = pageAt(fourth + 1);
+  ASSERT_LT(fifth, gap.size());
+  gap.erase(gap.begin() + static_cast<long>(fourth), gap.begin() + static_cast<long>(fifth));
+  writeBytes("gap.opus", gap);
+  ASSERT_EQ(tool("decode gap.opus gap.wav", &err), 0) << err;
+  EXPECT_NE(err.find("missing"), std::string::npos) << err;
+  EXPECT_GT(readWave(dir / "gap.wav").samples().size(), 20000u);
   // A cut last page is reported.
   std::vector<uint8_t> cut = readFile(dir / "a.opus");
   cut.resize(cut.size() - 20);
   writeBytes("cut.opus", cut);
   ASSERT_EQ(tool("decode cut.opus cut.wav", &err), 0) << err;
   EXPECT_NE(err.find("cut short"), std::string::npos) << err;
+  // Stereo Opus: the library decodes mono, and probe says so.
+  ASSERT_EQ(sh("sox -n -r 16000 -c 2 -b 16 -e signed s.wav synth 0.5 sine 300 sine 500 && opusenc --quiet s.wav s.opus"),
+            0);
+  ASSERT_EQ(sh(std::string(QUILLON_TOOL_PATH) + " probe s.opus > p.txt"), 0);
+  const std::vector<uint8_t> p = readFile(dir / "p.txt");
+  EXPECT_NE(std::string(p.begin(), p.end()).find("decoded as mono"), std::string::npos);
+  EXPECT_EQ(tool("decode --channels split s.opus s.out.wav", &err), 2);
 }
 
 // A length-prefixed Opus stream of empty packets (each a second of

@@ -278,6 +278,7 @@ void probeWave(InputStream& input, ProbeResult& r) {
   std::string error;
   if (!readWaveHeader(input, r.wave, error)) {
     r.refusal = error;
+    r.wave = WaveFormat();  // no data chunk to read
     return;
   }
   const WaveFormat& wav = r.wave;
