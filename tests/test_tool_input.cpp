@@ -31,7 +31,6 @@ bool have(const char* program) {
 class ToolInput : public quillon::test::ToolFixture {
  protected:
   std::string at(const std::string& name) const { return (dir / name).string(); }
-  int tool(const std::string& args, std::string* err = nullptr) { return run(args, err); }
 };
 
 struct Wave {
@@ -134,19 +133,19 @@ double snrAt(const std::vector<int16_t>& a, const std::vector<int16_t>& b, long 
 TEST_F(ToolInput, PipesInAndOut) {
   REQUIRE_PROGRAMS("sox", "opusenc");
   ASSERT_EQ(sh("sox -n -r 8000 -b 16 -e signed speech.wav synth 1.27 sine 200-3000 vol 0.5"), 0);
-  ASSERT_EQ(tool("encode --codec g729 speech.wav s.g729"), 0);
-  ASSERT_EQ(tool("decode --codec g729 s.g729 file.wav"), 0);
+  ASSERT_EQ(run("encode --codec g729 speech.wav s.g729"), 0);
+  ASSERT_EQ(run("decode --codec g729 s.g729 file.wav"), 0);
   std::string err;
   ASSERT_EQ(sh("cat s.g729 | " + std::string(QUILLON_TOOL_PATH) + " decode --codec g729 - pipe.wav", &err), 0) << err;
   EXPECT_EQ(readFile(dir / "pipe.wav"), readFile(dir / "file.wav"));
 
   ASSERT_EQ(sh("sox -n -r 8000 -e a-law a.wav synth 0.5 sine 700"), 0);
-  ASSERT_EQ(tool("decode a.wav a_file.wav"), 0);
+  ASSERT_EQ(run("decode a.wav a_file.wav"), 0);
   ASSERT_EQ(sh("cat a.wav | " + std::string(QUILLON_TOOL_PATH) + " decode - a_pipe.wav", &err), 0) << err;
   EXPECT_EQ(readFile(dir / "a_pipe.wav"), readFile(dir / "a_file.wav"));
 
   ASSERT_EQ(sh("sox -n -r 16000 -b 16 -e signed w.wav synth 0.7 sine 500 && opusenc --quiet w.wav w.opus"), 0);
-  ASSERT_EQ(tool("decode w.opus o_file.wav"), 0);
+  ASSERT_EQ(run("decode w.opus o_file.wav"), 0);
   ASSERT_EQ(sh("cat w.opus | " + std::string(QUILLON_TOOL_PATH) + " decode - o_pipe.wav", &err), 0) << err;
   EXPECT_EQ(readFile(dir / "o_pipe.wav"), readFile(dir / "o_file.wav"));
 
@@ -163,7 +162,7 @@ TEST_F(ToolInput, PipesInAndOut) {
   EXPECT_EQ(piped.dataSize, 0xffffffffu);
   EXPECT_EQ(piped.data, readWave(dir / "a_file.wav").data);
   // ...and such a file (sox and ffmpeg read it too) decodes to its end.
-  ASSERT_EQ(tool("decode --codec pcm16 piped.wav again.wav", &err), 0) << err;
+  ASSERT_EQ(run("decode --codec pcm16 piped.wav again.wav", &err), 0) << err;
   EXPECT_EQ(readWave(dir / "again.wav").data, piped.data);
 }
 
@@ -175,13 +174,13 @@ TEST_F(ToolInput, ByteStreamsDecodeToTheLastSample) {
     writeBytes("x.raw", bytes);
     for (const char* codec : {"alaw", "ulaw", "pcm8"}) {
       std::string err;
-      ASSERT_EQ(tool(std::string("decode --raw --codec ") + codec + " x.raw x.pcm", &err), 0) << codec << err;
+      ASSERT_EQ(run(std::string("decode --raw --codec ") + codec + " x.raw x.pcm", &err), 0) << codec << err;
       const int code = std::string(codec) == "alaw" ? 1 : std::string(codec) == "ulaw" ? 2 : 102;
       EXPECT_EQ(quillon::test::readPcm16(dir / "x.pcm"), apiDecode(code, bytes, bytes.size())) << codec << " " << len;
       EXPECT_EQ(err.find("trailing"), std::string::npos) << err;
     }
     std::string err;
-    ASSERT_EQ(tool("decode --raw --codec pcm16 x.raw x.pcm", &err), 0) << err;
+    ASSERT_EQ(run("decode --raw --codec pcm16 x.raw x.pcm", &err), 0) << err;
     const std::vector<int16_t> pcm = quillon::test::readPcm16(dir / "x.pcm");
     ASSERT_EQ(pcm.size(), bytes.size() / 2);
     EXPECT_EQ(std::memcmp(pcm.data(), bytes.data(), pcm.size() * 2), 0);
@@ -199,7 +198,7 @@ TEST_F(ToolInput, StereoWaveAndChannelChoices) {
     ASSERT_EQ(sh(std::string("sox -n -r 8000 -c 2 ") + enc + " st.wav synth 0.77 sine 440 sine 1300 vol 0.6"), 0);
     ASSERT_EQ(sh("sox st.wav -e signed -b 16 ref.wav"), 0);
     std::string err;
-    ASSERT_EQ(tool("decode st.wav out.wav", &err), 0) << err;
+    ASSERT_EQ(run("decode st.wav out.wav", &err), 0) << err;
     const Wave out = readWave(dir / "out.wav"), ref = readWave(dir / "ref.wav");
     EXPECT_EQ(out.channels, 2);
     EXPECT_EQ(out.rate, 8000u);
@@ -213,14 +212,14 @@ TEST_F(ToolInput, StereoWaveAndChannelChoices) {
     right.push_back(both[i + 1]);
     mix.push_back(static_cast<int16_t>((both[i] + both[i + 1]) >> 1));
   }
-  ASSERT_EQ(tool("decode --channels left st.wav l.wav"), 0);
+  ASSERT_EQ(run("decode --channels left st.wav l.wav"), 0);
   EXPECT_EQ(readWave(dir / "l.wav").samples(), left);
   EXPECT_EQ(readWave(dir / "l.wav").channels, 1);
-  ASSERT_EQ(tool("decode --channels right st.wav r.wav"), 0);
+  ASSERT_EQ(run("decode --channels right st.wav r.wav"), 0);
   EXPECT_EQ(readWave(dir / "r.wav").samples(), right);
-  ASSERT_EQ(tool("decode --channels mix st.wav m.wav"), 0);
+  ASSERT_EQ(run("decode --channels mix st.wav m.wav"), 0);
   EXPECT_EQ(readWave(dir / "m.wav").samples(), mix);
-  ASSERT_EQ(tool("decode --channels split st.wav call.wav"), 0);
+  ASSERT_EQ(run("decode --channels split st.wav call.wav"), 0);
   EXPECT_EQ(readWave(dir / "call.left.wav").samples(), left);
   EXPECT_EQ(readWave(dir / "call.right.wav").samples(), right);
   EXPECT_FALSE(fs::exists(dir / "call.wav"));
@@ -232,21 +231,21 @@ TEST_F(ToolInput, StereoWaveAndChannelChoices) {
   // A-law stereo forced to mu-law: refused, nothing written.
   ASSERT_EQ(sh("sox -n -r 8000 -c 2 -e a-law al.wav synth 0.2 sine 440"), 0);
   std::string err;
-  EXPECT_EQ(tool("decode --codec ulaw al.wav bad.wav", &err), 2);
+  EXPECT_EQ(run("decode --codec ulaw al.wav bad.wav", &err), 2);
   EXPECT_NE(err.find("alaw"), std::string::npos) << err;
   EXPECT_FALSE(fs::exists(dir / "bad.wav"));
   // The same codec named agrees: still stereo, not interleaved mono.
-  ASSERT_EQ(tool("decode --codec alaw al.wav same.wav"), 0);
+  ASSERT_EQ(run("decode --codec alaw al.wav same.wav"), 0);
   EXPECT_EQ(readWave(dir / "same.wav").channels, 2);
   EXPECT_EQ(readWave(dir / "same.wav").samples().size(), 2u * 1600u);
   // 16 kHz A-law keeps its rate, with or without --codec.
   ASSERT_EQ(sh("sox -n -r 16000 -e a-law a16.wav synth 0.3 sine 5000 && sox a16.wav -e signed -b 16 a16ref.wav"), 0);
-  ASSERT_EQ(tool("decode --codec alaw a16.wav a16.out.wav", &err), 0) << err;
+  ASSERT_EQ(run("decode --codec alaw a16.wav a16.out.wav", &err), 0) << err;
   EXPECT_EQ(readWave(dir / "a16.out.wav").rate, 16000u);
   EXPECT_EQ(readWave(dir / "a16.out.wav").samples(), readWave(dir / "a16ref.wav").samples());
   // A raw stream still needs --codec.
   writeBytes("x.raw", std::vector<uint8_t>(100, 0x55));
-  EXPECT_EQ(tool("decode x.raw x.wav", &err), 1);
+  EXPECT_EQ(run("decode x.raw x.wav", &err), 1);
   EXPECT_NE(err.find("--codec"), std::string::npos) << err;
 }
 
@@ -265,7 +264,7 @@ TEST_F(ToolInput, WaveVariants) {
   const std::vector<uint8_t> odd = {'L', 'I', 'S', 'T', 3, 0, 0, 0, 'a', 'b', 'c', 0};  // odd size, pad byte
   writeBytes("ext.wav", waveBytes("RIFF", ext, odd, static_cast<uint32_t>(alaw.size()), alaw));
   std::string err;
-  ASSERT_EQ(tool("decode ext.wav ext.out.wav", &err), 0) << err;
+  ASSERT_EQ(run("decode ext.wav ext.out.wav", &err), 0) << err;
   EXPECT_EQ(readWave(dir / "ext.out.wav").samples(), expect);
   // A 16-bit PCM one, with an odd-sized format chunk.
   std::vector<uint8_t> pcmExt = fmtBody(0xfffe, 1, 8000, 16);
@@ -273,7 +272,7 @@ TEST_F(ToolInput, WaveVariants) {
   std::vector<uint8_t> pcm(400);
   for (size_t i = 0; i < pcm.size(); i++) pcm[i] = static_cast<uint8_t>(i * 7);
   writeBytes("pext.wav", waveBytes("RIFF", pcmExt, {}, static_cast<uint32_t>(pcm.size()), pcm));
-  ASSERT_EQ(tool("decode pext.wav pext.out.wav", &err), 0) << err;
+  ASSERT_EQ(run("decode pext.wav pext.out.wav", &err), 0) << err;
   EXPECT_EQ(readWave(dir / "pext.out.wav").data, pcm);
 
   // RF64: sizes in the ds64 chunk, 0xFFFFFFFF in the RIFF and data headers.
@@ -286,20 +285,20 @@ TEST_F(ToolInput, WaveVariants) {
   std::vector<uint8_t> rf64 = waveBytes("RF64", fmtBody(6, 1, 8000, 8), ds64, 0xffffffffu, alaw);
   rf64.insert(rf64.end(), {'L', 'I', 'S', 'T', 4, 0, 0, 0, 'I', 'N', 'F', 'O'});  // after the data: not decoded
   writeBytes("rf64.wav", rf64);
-  ASSERT_EQ(tool("decode rf64.wav rf64.out.wav", &err), 0) << err;
+  ASSERT_EQ(run("decode rf64.wav rf64.out.wav", &err), 0) << err;
   EXPECT_EQ(readWave(dir / "rf64.out.wav").samples(), expect);
 
   // A recorder killed mid-call (size 0) or streaming (0xFFFFFFFF): to the end, with a warning.
   for (uint32_t size : {0u, 0xffffffffu}) {
     writeBytes("cut.wav", waveBytes("RIFF", fmtBody(6, 1, 8000, 8), {}, size, alaw));
-    ASSERT_EQ(tool("decode cut.wav cut.out.wav", &err), 0) << err;
+    ASSERT_EQ(run("decode cut.wav cut.out.wav", &err), 0) << err;
     EXPECT_NE(err.find("warning"), std::string::npos) << err;
     EXPECT_EQ(readWave(dir / "cut.out.wav").samples(), expect) << size;
   }
   // A data chunk cut short says so.
   std::vector<uint8_t> shortFile = waveBytes("RIFF", fmtBody(6, 1, 8000, 8), {}, 5000, alaw);
   writeBytes("short.wav", shortFile);
-  ASSERT_EQ(tool("decode short.wav short.out.wav", &err), 0) << err;
+  ASSERT_EQ(run("decode short.wav short.out.wav", &err), 0) << err;
   EXPECT_NE(err.find("cut recording"), std::string::npos) << err;
   EXPECT_EQ(readWave(dir / "short.out.wav").samples(), expect);
 
@@ -309,7 +308,7 @@ TEST_F(ToolInput, WaveVariants) {
   const Wave g722 = readWave(dir / "g722.wav");
   ASSERT_EQ(g722.tag, 0x028f);
   ASSERT_EQ(g722.data.size() % 160, 0u);  // whole frames, which the C API decodes in one call
-  ASSERT_EQ(tool("decode g722.wav g722.out.wav", &err), 0) << err;
+  ASSERT_EQ(run("decode g722.wav g722.out.wav", &err), 0) << err;
   const Wave out = readWave(dir / "g722.out.wav");
   EXPECT_EQ(out.rate, 16000u);
   EXPECT_EQ(out.samples(), apiDecode(50, g722.data, g722.data.size() * 2));
@@ -333,7 +332,7 @@ TEST_F(ToolInput, OggOpusLikeOpusdec) {
     const std::string n = name;
     ASSERT_EQ(sh("opusdec --quiet --rate 16000 --no-dither " + n + ".opus " + n + ".ref.wav"), 0);
     std::string err;
-    ASSERT_EQ(tool("decode " + n + ".opus " + n + ".out.wav", &err), 0) << err;
+    ASSERT_EQ(run("decode " + n + ".opus " + n + ".out.wav", &err), 0) << err;
     const std::vector<int16_t> ref = readWave(dir / (n + ".ref.wav")).samples();
     const std::vector<int16_t> out = readWave(dir / (n + ".out.wav")).samples();
     EXPECT_EQ(out.size(), ref.size());
@@ -356,7 +355,7 @@ TEST_F(ToolInput, OggOpusLikeOpusdec) {
   damaged[page + 60] ^= 0x55;
   writeBytes("damaged.opus", damaged);
   std::string err;
-  ASSERT_EQ(tool("decode damaged.opus damaged.wav", &err), 0) << err;
+  ASSERT_EQ(run("decode damaged.opus damaged.wav", &err), 0) << err;
   EXPECT_NE(err.find("checksum"), std::string::npos) << err;
   EXPECT_GT(readWave(dir / "damaged.wav").samples().size(), 30000u);
   // A missing page is reported and skipped over.
@@ -369,14 +368,14 @@ TEST_F(ToolInput, OggOpusLikeOpusdec) {
   ASSERT_LT(fifth, gap.size());
   gap.erase(gap.begin() + static_cast<long>(fourth), gap.begin() + static_cast<long>(fifth));
   writeBytes("gap.opus", gap);
-  ASSERT_EQ(tool("decode gap.opus gap.wav", &err), 0) << err;
+  ASSERT_EQ(run("decode gap.opus gap.wav", &err), 0) << err;
   EXPECT_NE(err.find("missing"), std::string::npos) << err;
   EXPECT_GT(readWave(dir / "gap.wav").samples().size(), 20000u);
   // A cut last page is reported.
   std::vector<uint8_t> cut = readFile(dir / "a.opus");
   cut.resize(cut.size() - 20);
   writeBytes("cut.opus", cut);
-  ASSERT_EQ(tool("decode cut.opus cut.wav", &err), 0) << err;
+  ASSERT_EQ(run("decode cut.opus cut.wav", &err), 0) << err;
   EXPECT_NE(err.find("cut short"), std::string::npos) << err;
   // Stereo Opus: the library decodes mono, and probe says so.
   ASSERT_EQ(sh("sox -n -r 16000 -c 2 -b 16 -e signed s.wav synth 0.5 sine 300 sine 500 && opusenc --quiet s.wav s.opus"),
@@ -384,7 +383,7 @@ TEST_F(ToolInput, OggOpusLikeOpusdec) {
   ASSERT_EQ(sh(std::string(QUILLON_TOOL_PATH) + " probe s.opus > p.txt"), 0);
   const std::vector<uint8_t> p = readFile(dir / "p.txt");
   EXPECT_NE(std::string(p.begin(), p.end()).find("decoded as mono"), std::string::npos);
-  EXPECT_EQ(tool("decode --channels split s.opus s.out.wav", &err), 2);
+  EXPECT_EQ(run("decode --channels split s.opus s.out.wav", &err), 2);
 }
 
 // A length-prefixed Opus stream of empty packets (each a second of
@@ -399,7 +398,7 @@ TEST_F(ToolInput, EmptyOpusPacketsStreamInBoundedMemory) {
   EXPECT_EQ(runMeasured({"decode", "--raw", "--codec", "opus", at("empty.opus"), "/dev/null"}, peak), 0);
   EXPECT_LT(peak, 20 * 1024) << "peak resident set in KiB";
   std::string err;
-  ASSERT_EQ(tool("decode --codec opus empty.opus /dev/null", &err), 0);
+  ASSERT_EQ(run("decode --codec opus empty.opus /dev/null", &err), 0);
   size_t warnings = 0;
   for (size_t at = 0; (at = err.find("empty packets", at)) != std::string::npos; at++) warnings++;
   EXPECT_EQ(warnings, 1u) << err;
@@ -410,14 +409,14 @@ TEST_F(ToolInput, EmptyOpusPacketsStreamInBoundedMemory) {
 TEST_F(ToolInput, AdpcmFactChunkAndCutAmrWbFrame) {
   REQUIRE_PROGRAMS("sox");
   ASSERT_EQ(sh("sox -n -r 8000 -b 16 -e signed s.wav synth 0.6 sine 500 vol 0.5"), 0);
-  ASSERT_EQ(tool("encode --codec msadpcm s.wav s.adpcm.wav"), 0);
+  ASSERT_EQ(run("encode --codec msadpcm s.wav s.adpcm.wav"), 0);
   const std::vector<uint8_t> adpcm = readFile(dir / "s.adpcm.wav");
   ASSERT_GE(adpcm.size(), 90u);
   ASSERT_EQ(std::memcmp(adpcm.data() + 70, "fact", 4), 0);
   EXPECT_EQ(adpcm[78] | (adpcm[79] << 8) | (adpcm[80] << 16), 4800);
 
   ASSERT_EQ(sh("sox -n -r 16000 -b 16 -e signed w.wav synth 0.5 sine 500 vol 0.5"), 0);
-  ASSERT_EQ(tool("encode --codec amrwb w.wav w.prefixed"), 0);
+  ASSERT_EQ(run("encode --codec amrwb w.wav w.prefixed"), 0);
   // The length-prefixed frames are storage frames: make a storage file of them.
   const std::vector<uint8_t> prefixed = readFile(dir / "w.prefixed");
   std::vector<uint8_t> storage = {'#', '!', 'A', 'M', 'R', '-', 'W', 'B', '\n'};
@@ -429,6 +428,6 @@ TEST_F(ToolInput, AdpcmFactChunkAndCutAmrWbFrame) {
   storage.resize(storage.size() - 7);
   writeBytes("cut.awb", storage);
   std::string err;
-  ASSERT_EQ(tool("decode cut.awb cut.wav", &err), 0) << err;
+  ASSERT_EQ(run("decode cut.awb cut.wav", &err), 0) << err;
   EXPECT_NE(err.find("cut short"), std::string::npos) << err;
 }
