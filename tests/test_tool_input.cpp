@@ -360,17 +360,33 @@ TEST_F(ToolInput, OggOpusLikeOpusdec) {
   EXPECT_GT(readWave(dir / "damaged.wav").samples().size(), 30000u);
   // A missing page is reported and skipped over.
   std::vector<uint8_t> gap = readFile(dir / "a.opus");
-  const auto pageAt = [&](size_t from) {
-    return static_cast<size_t>(std::search(gap.begin() + static_cast<long>(from), gap.end(), std::begin("OggS"),
-                                           std::end("OggS") - 1) - gap.begin());
+  const auto pageAt = [](const std::vector<uint8_t>& b, size_t from) {
+    return static_cast<size_t>(std::search(b.begin() + static_cast<long>(from), b.end(), std::begin("OggS"),
+                                           std::end("OggS") - 1) - b.begin());
   };
-  const size_t fourth = pageAt(pageAt(pageAt(pageAt(0) + 1) + 1) + 1), fifth = pageAt(fourth + 1);
+  const size_t fourth = pageAt(gap, pageAt(gap, pageAt(gap, pageAt(gap, 0) + 1) + 1) + 1);
+  const size_t fifth = pageAt(gap, fourth + 1);
   ASSERT_LT(fifth, gap.size());
   gap.erase(gap.begin() + static_cast<long>(fourth), gap.begin() + static_cast<long>(fifth));
   writeBytes("gap.opus", gap);
   ASSERT_EQ(run("decode gap.opus gap.wav", &err), 0) << err;
   EXPECT_NE(err.find("missing"), std::string::npos) << err;
   EXPECT_GT(readWave(dir / "gap.wav").samples().size(), 20000u);
+  // A damaged page header that claims more bytes than the file has left:
+  // the page is dropped, the last page still decoded.
+  std::vector<uint8_t> claim = readFile(dir / "a.opus");
+  size_t last = 0, before = 0;
+  for (size_t at = 0; (at = pageAt(claim, at + 1)) < claim.size();) before = last, last = at;
+  ASSERT_GT(before, 0u);
+  std::vector<uint8_t> without = claim;
+  without.erase(without.begin() + static_cast<long>(before), without.begin() + static_cast<long>(last));
+  writeBytes("without.opus", without);
+  claim[before + 26] = 255;
+  writeBytes("claim.opus", claim);
+  ASSERT_EQ(run("decode claim.opus claim.wav", &err), 0) << err;
+  EXPECT_NE(err.find("damaged"), std::string::npos) << err;
+  ASSERT_EQ(run("decode without.opus without.wav"), 0);
+  EXPECT_EQ(readWave(dir / "claim.wav").samples(), readWave(dir / "without.wav").samples());
   // A cut last page is reported.
   std::vector<uint8_t> cut = readFile(dir / "a.opus");
   cut.resize(cut.size() - 20);

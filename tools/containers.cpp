@@ -179,15 +179,17 @@ class OggOpusSource : public StreamSource {
       if (m_reader.nextPacket(m_held.first, m_held.second)) return true;
       uint8_t block[kReadBlock];
       const size_t n = m_input->read(block, sizeof block);
-      if (n == 0) {
-        if (m_input->failed()) m_error = "read error";
-        else if (m_reader.hasPartialPage())
-          m_warnings.push_back("the last Ogg page is cut short (" + std::to_string(m_reader.heldBytes()) +
-                               " bytes): its packets are lost");
-        return false;
-      }
       std::string ignored;
-      m_reader.push(block, n, ignored);
+      if (n == 0) {
+        if (m_input->failed()) {
+          m_error = "read error";
+          return false;
+        }
+        if (!m_reader.hasPartialPage()) return false;
+        m_reader.finish();
+      } else {
+        m_reader.push(block, n, ignored);
+      }
       for (; m_warned < m_reader.warnings().size(); m_warned++) m_warnings.push_back(m_reader.warnings()[m_warned]);
     }
   }
@@ -410,7 +412,7 @@ uint32_t oggCrc(const uint8_t* data, size_t bytes) {
 }
 
 bool OggPacketReader::push(const uint8_t* data, size_t bytes, std::string&) {
-  m_buffer.insert(m_buffer.end(), data, data + bytes);
+  if (bytes) m_buffer.insert(m_buffer.end(), data, data + bytes);
   size_t pos = 0;
   // Skips to the next "OggS" after `from` (or keeps a tail that may begin one).
   auto resync = [&](size_t from) {
@@ -426,6 +428,7 @@ bool OggPacketReader::push(const uint8_t* data, size_t bytes, std::string&) {
         m_warnings.push_back("bytes that are no Ogg page at byte " + std::to_string(m_offset + pos) +
                              " were skipped");
       m_skipping = true;
+      m_lost = true;
       const size_t next = resync(pos + 1);
       if (next == pos) break;
       pos = next;
@@ -467,12 +470,12 @@ bool OggPacketReader::push(const uint8_t* data, size_t bytes, std::string&) {
     if (serial == m_serial) {  // pages of other logical streams are skipped
       const uint64_t granule = static_cast<uint64_t>(le32(page + 6)) | (static_cast<uint64_t>(le32(page + 10)) << 32);
       if (!bos) m_sawData = true;
-      if (m_havePage && sequence != m_sequence + 1 && !bos) m_lost = true;
-      if (m_lost) {
-        m_warnings.push_back("Ogg page(s) missing or damaged before byte " + std::to_string(m_offset + pos) +
+      const bool gap = m_havePage && sequence != m_sequence + 1 && !bos;
+      if (gap && !m_lost)  // damage already reported is not reported again
+        m_warnings.push_back("Ogg page(s) missing before byte " + std::to_string(m_offset + pos) +
                              ": the packets they held are lost");
-        m_partial.clear();
-      }
+      m_lost = m_lost || gap;
+      if (m_lost) m_partial.clear();
       // A continued packet whose start was lost (or that continues nothing) is dropped.
       bool dropping = (page[5] & 0x01) && (m_lost || m_partial.empty());
       if (!(page[5] & 0x01)) m_partial.clear();
@@ -497,6 +500,22 @@ bool OggPacketReader::push(const uint8_t* data, size_t bytes, std::string&) {
   m_buffer.erase(m_buffer.begin(), m_buffer.begin() + static_cast<std::ptrdiff_t>(pos));
   m_offset += pos;
   return true;
+}
+
+void OggPacketReader::finish() {
+  std::string ignored;
+  while (!m_buffer.empty()) {
+    const uint8_t* next = nullptr;
+    for (size_t i = 1; i + 4 <= m_buffer.size() && !next; i++)
+      if (std::memcmp(m_buffer.data() + i, "OggS", 4) == 0) next = m_buffer.data() + i;
+    const size_t drop = next ? static_cast<size_t>(next - m_buffer.data()) : m_buffer.size();
+    m_warnings.push_back("the Ogg page at byte " + std::to_string(m_offset) + (next ? " is damaged" : " is cut short") +
+                         " (" + std::to_string(drop) + " bytes): its packets are lost");
+    m_buffer.erase(m_buffer.begin(), m_buffer.begin() + static_cast<std::ptrdiff_t>(drop));
+    m_offset += drop;
+    m_lost = true;
+    push(nullptr, 0, ignored);
+  }
 }
 
 bool OggPacketReader::nextPacket(std::vector<uint8_t>& packet) {

@@ -80,6 +80,10 @@ class OggPacketReader {
   // Appends bytes; complete packets can then be taken with nextPacket().
   // Always true: damage is reported through warnings().
   bool push(const uint8_t* data, size_t bytes, std::string& error);
+  // The end of the input: bytes held for a page that never completed are
+  // searched for a later page (a damaged header can claim more bytes than
+  // are left); what cannot make a page is dropped with a warning.
+  void finish();
   bool nextPacket(std::vector<uint8_t>& packet);
   bool nextPacket(std::vector<uint8_t>& packet, Info& info);
   // True when bytes that make no whole page are still held.
