@@ -70,7 +70,8 @@ int runDecodeCommand(int argc, char** argv) {
   for (const std::string& w : result.warnings) std::fprintf(stderr, "quillon: warning: %s\n", w.c_str());
   if (!ok) return result.usage ? usageError("decode", error) : fail(error);
   if (!options.haveCodec)
-    std::fprintf(stderr, "quillon: %s: %s, %s\n", files[0].c_str(), result.probe.container.c_str(),
+    std::fprintf(stderr, "quillon: %s: %s, %s\n", files[0] == "-" ? "standard input" : files[0].c_str(),
+                 result.probe.container.c_str(),
                  codecName(result.code).c_str());
   if (result.leftoverBytes)
     std::fprintf(stderr, "quillon: warning: %zu trailing bytes do not make a whole frame or packet and were not decoded\n",

@@ -225,7 +225,8 @@ bool convertFile(const std::string& input, const std::string& output, const Conv
   auto in = std::make_unique<InputStream>();
   if (!in->open(input, error)) return false;
   if (!probeInput(*in, result.probe, error)) return false;
-  if (!chooseCodec(input, options, result, error)) return false;
+  const std::string& name = in->name();  // "standard input" for "-"
+  if (!chooseCodec(name, options, result, error)) return false;
   std::unique_ptr<StreamSource> source = openStream(std::move(in), result.probe, error);
   if (!source) return false;
 
@@ -272,7 +273,7 @@ bool convertFile(const std::string& input, const std::string& output, const Conv
   bool ok = decodeSource(*source, options, result, sink, error);
   if (!ok) {
     if (!writeError.empty()) error = writeError;
-    else if (!result.usage && error.rfind(input, 0) != 0) error = input + ": " + error;
+    else if (!result.usage && error.rfind(name, 0) != 0) error = name + ": " + error;
   }
   for (auto& out : outs) {
     std::string finishError;
