@@ -136,6 +136,12 @@ bool decodeSource(StreamSource& source, const ConvertOptions& options, ConvertRe
   Deinterleaver deinterleaver(decoded, sampleBytes);
   bool any = false;
   uint64_t consumed = 0;
+  // What the source noticed is reported however the decode ends.
+  struct Warnings {
+    StreamSource& source;
+    std::vector<std::string>& out;
+    ~Warnings() { out.insert(out.end(), source.warnings().begin(), source.warnings().end()); }
+  } warnings{source, result.warnings};
   for (;;) {  // one segment (link) after the other
     std::vector<std::unique_ptr<DecodePipeline>> pipes;
     for (unsigned c = 0; c < decoded; c++) {
@@ -207,7 +213,6 @@ bool decodeSource(StreamSource& source, const ConvertOptions& options, ConvertRe
     if (!source.nextSegment()) break;
   }
   result.leftoverBytes += deinterleaver.carried();
-  for (const std::string& w : source.warnings()) result.warnings.push_back(w);
   if (!any) {
     error = "holds no coded data";
     return false;
