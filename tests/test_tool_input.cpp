@@ -219,6 +219,8 @@ TEST_F(ToolInput, StereoWaveAndChannelChoices) {
   EXPECT_EQ(readWave(dir / "r.wav").samples(), right);
   ASSERT_EQ(run("decode --channels mix st.wav m.wav"), 0);
   EXPECT_EQ(readWave(dir / "m.wav").samples(), mix);
+  ASSERT_EQ(run("decode --channels stereo st.wav s.wav"), 0);
+  EXPECT_EQ(readWave(dir / "s.wav").samples(), both);
   ASSERT_EQ(run("decode --channels split st.wav call.wav"), 0);
   EXPECT_EQ(readWave(dir / "call.left.wav").samples(), left);
   EXPECT_EQ(readWave(dir / "call.right.wav").samples(), right);
@@ -400,6 +402,8 @@ TEST_F(ToolInput, OggOpusLikeOpusdec) {
   const std::vector<uint8_t> p = readFile(dir / "p.txt");
   EXPECT_NE(std::string(p.begin(), p.end()).find("decoded as mono"), std::string::npos);
   EXPECT_EQ(run("decode --channels split s.opus s.out.wav", &err), 2);
+  EXPECT_EQ(run("decode --channels stereo s.opus s.out.wav", &err), 2);
+  EXPECT_FALSE(fs::exists(dir / "s.out.wav"));
 }
 
 // A length-prefixed Opus stream of empty packets (each a second of

@@ -53,8 +53,7 @@ class Deinterleaver {
 }  // namespace
 
 bool parseChannelMode(const std::string& text, ChannelMode& mode) {
-  static const std::pair<const char*, ChannelMode> kModes[] = {{"keep", ChannelMode::Keep},
-                                                                {"stereo", ChannelMode::Keep},
+  static const std::pair<const char*, ChannelMode> kModes[] = {{"stereo", ChannelMode::Stereo},
                                                                 {"mix", ChannelMode::Mix},
                                                                 {"left", ChannelMode::Left},
                                                                 {"right", ChannelMode::Right},
@@ -108,7 +107,8 @@ bool decodeSource(StreamSource& source, const ConvertOptions& options, ConvertRe
     result.usage = true;
     return false;
   }
-  const ChannelMode mode = decoded == 2 ? options.channels : ChannelMode::Keep;
+  const ChannelMode mode =
+      decoded == 2 && options.channels != ChannelMode::Stereo ? options.channels : ChannelMode::Keep;
   result.channels = mode == ChannelMode::Keep || mode == ChannelMode::Split ? decoded : 1;
 
   DecodeOptions decode;

@@ -17,6 +17,7 @@ namespace quillon::tool {
 // What becomes of a stereo recording's two channels.
 enum class ChannelMode {
   Keep,   // as the recording has them (stereo stays stereo)
+  Stereo, // two channels asked for explicitly (refused where only mono can be had)
   Mix,    // one channel, the mean of the two
   Left,
   Right,
