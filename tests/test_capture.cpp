@@ -91,10 +91,10 @@ Wave readWave(const fs::path& p) {
     ADD_FAILURE() << error;
     return w;
   }
-  w.channels = r.channels;
-  w.rate = r.sampleRate;
-  w.samples.resize(r.dataBytes / 2);
-  r.read(reinterpret_cast<uint8_t*>(w.samples.data()), r.dataBytes);
+  w.channels = r.format().channels;
+  w.rate = r.format().sampleRate;
+  w.samples.resize(static_cast<size_t>(r.format().dataBytes / 2));
+  r.read(reinterpret_cast<uint8_t*>(w.samples.data()), static_cast<size_t>(r.format().dataBytes));
   return w;
 }
 

@@ -830,22 +830,28 @@ bool CaptureSession::publish(const std::string& name, const std::vector<int16_t>
     return false;
   }
   std::string temp;
-  for (int attempt = 0; attempt < 100 && temp.empty(); attempt++) {
+  FILE* file = nullptr;
+  for (int attempt = 0; attempt < 100 && !file; attempt++) {
     const std::string candidate = dir + "/.quillon-capture-" + std::to_string(getpid()) + "-" + std::to_string(attempt) + ".tmp";
-    const int fd = ::open(candidate.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0644);
-    if (fd >= 0) {
+    const int fd = ::open(candidate.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, 0644);
+    if (fd < 0) continue;
+    file = fdopen(fd, "w+b");
+    if (!file) {
       ::close(fd);
-      temp = candidate;
+      ::unlink(candidate.c_str());
+      continue;
     }
+    temp = candidate;
   }
-  if (temp.empty()) {
+  if (!file) {
     error = "cannot create a file in " + dir + ": " + std::strerror(errno);
     return false;
   }
   OutputFile out;
-  const TAV::AudioFormat format(TAV::CT_PCM16, static_cast<TAV::uint16>(channels));
-  bool ok = out.open(temp, format, rate, OutputFile::Header::Plain, error) &&
+  const TAV::AudioFormat format(TAV::CT_PCM16, 1);
+  bool ok = out.open(file, format, rate, OutputFile::Header::Plain, error, static_cast<uint16_t>(channels)) &&
             out.write(pcm.data(), pcm.size() * sizeof(int16_t)) && out.finish(error);
+  ok = std::fclose(file) == 0 && ok;
   if (ok) {
     if (m_options.force) {
       ok = std::rename(temp.c_str(), target.c_str()) == 0;
