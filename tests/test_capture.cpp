@@ -137,7 +137,18 @@ class CaptureTest : public ::testing::Test {
     fs::create_directories(m_dir / "out");
   }
   void TearDown() override { fs::remove_all(m_dir); }
+
+  // A session over one capture, read and finished without error; the
+  // output folder is the test's own unless the options name one.
+  CaptureSession& decode(const fs::path& capture, CaptureOptions options = {}) {
+    if (options.outDir == ".") options.outDir = (m_dir / "out").string();
+    m_sessions.push_back(std::make_unique<CaptureSession>(options));
+    decodeCapture(*m_sessions.back(), capture);
+    return *m_sessions.back();
+  }
+
   fs::path m_dir;
+  std::vector<std::unique_ptr<CaptureSession>> m_sessions;
 };
 
 const Address kAlice = v4(10, 0, 0, 1, 5060), kBob = v4(10, 0, 0, 2, 5060);
@@ -186,10 +197,8 @@ TEST_F(CaptureTest, SipCallGivesOneAlignedStereoFileAndReport) {
     send(kAlice, kBob, bytes(sip("BYE sip:bob@example.com SIP/2.0", "2 BYE", "")), kStart + 3000000);
   }
   CaptureOptions options;
-  options.outDir = (m_dir / "out").string();
   options.report = "json";
-  CaptureSession session(options);
-  decodeCapture(session, cap);
+  CaptureSession& session = decode(cap, options);
   const fs::path wav = m_dir / "out" / "20231114-221320_alice_bob_a84b4c76e66710@pc33.example.com.wav";
   ASSERT_TRUE(fs::exists(wav));
   const Wave w = readWave(wav);
@@ -243,12 +252,10 @@ TEST_F(CaptureTest, DynamicPayloadBehindQinQWithSplit) {
       for (const auto& ip : ipv4(kAliceMedia, kBobMedia, udp(kAliceMedia, kBobMedia, p.rtp))) w.add(ethernet(ip, 2), p.time);
   }
   CaptureOptions options;
-  options.outDir = (m_dir / "out").string();
   options.split = true;
   int pt = 0;
   ASSERT_TRUE(tool::parsePayloadOption("96=amrwb-oa", pt, options.payloadTypes[96]));
-  CaptureSession session(options);
-  decodeCapture(session, cap);
+  CaptureSession& session = decode(cap, options);
   ASSERT_EQ(session.written().size(), 1u);
   const Wave w = readWave(session.written()[0]);
   EXPECT_EQ(w.channels, 1);
@@ -257,10 +264,7 @@ TEST_F(CaptureTest, DynamicPayloadBehindQinQWithSplit) {
   EXPECT_NE(session.written()[0].find("_caller_0000002a.wav"), std::string::npos) << session.written()[0];
 
   // Without the payload type the stream is reported, not guessed.
-  CaptureOptions plain;
-  plain.outDir = (m_dir / "out").string();
-  CaptureSession unknown(plain);
-  decodeCapture(unknown, cap);
+  CaptureSession& unknown = decode(cap);
   ASSERT_EQ(unknown.streams().size(), 1u);
   EXPECT_EQ(unknown.streams()[0].codec, "unknown");
   EXPECT_TRUE(unknown.written().empty());
@@ -290,10 +294,7 @@ TEST_F(CaptureTest, Ipv6CookedCaptureWithLossAndReordering) {
       if (i < reverse.size()) w.add(linuxCooked(ipv6(b, a, udp(b, a, reverse[i].rtp))), reverse[i].time);
     }
   }
-  CaptureOptions options;
-  options.outDir = (m_dir / "out").string();
-  CaptureSession session(options);
-  decodeCapture(session, cap);
+  CaptureSession& session = decode(cap);
   ASSERT_EQ(session.written().size(), 1u);
   EXPECT_NE(session.written()[0].find("_2001_db8__1__30000__2001_db8__2__30002_rtp1.wav"), std::string::npos)
       << session.written()[0];
@@ -345,10 +346,7 @@ TEST_F(CaptureTest, FragmentedSipDescribesTheStream) {
     for (const Packet& p : packets)
       for (const auto& ip : ipv4(kBobMedia, kAliceMedia, udp(kBobMedia, kAliceMedia, p.rtp))) w.add(ethernet(ip), p.time);
   }
-  CaptureOptions options;
-  options.outDir = (m_dir / "out").string();
-  CaptureSession session(options);
-  decodeCapture(session, cap);
+  CaptureSession& session = decode(cap);
   EXPECT_EQ(session.packetCounters().reassembled, 1u);
   ASSERT_EQ(session.streams().size(), 1u);
   EXPECT_EQ(session.streams()[0].codec, "amr-wb");
@@ -400,10 +398,7 @@ TEST_F(CaptureTest, DamagedInputWarnsAndStillDecodes) {
   for (const fs::path& input : {cap, cut}) {
     fs::remove_all(m_dir / "out");
     fs::create_directories(m_dir / "out");
-    CaptureOptions options;
-    options.outDir = (m_dir / "out").string();
-    CaptureSession session(options);
-    decodeCapture(session, input);
+    CaptureSession& session = decode(input);
     ASSERT_EQ(session.streams().size(), 1u);
     EXPECT_EQ(session.streams()[0].garbage, 11u);  // i % 9 == 4 below 100
     EXPECT_EQ(session.packetCounters().truncated, 1u);
@@ -605,10 +600,7 @@ TEST_F(CaptureTest, SipOverTcpInLoopbackFraming) {
     w.add(loop(ipv4(kBob, kAlice, tcp(kBob, kAlice, 1, ok), 3, 0, 6)[0]), kStart + 100000);
     for (const Packet& p : packets) w.add(loop(ipv4(kAliceMedia, kBobMedia, udp(kAliceMedia, kBobMedia, p.rtp))[0]), p.time);
   }
-  CaptureOptions options;
-  options.outDir = (m_dir / "out").string();
-  CaptureSession session(options);
-  decodeCapture(session, cap);
+  CaptureSession& session = decode(cap);
   EXPECT_EQ(session.sipMessages(), 2u);
   ASSERT_EQ(session.streams().size(), 1u);
   EXPECT_EQ(session.streams()[0].codec, "g722");
@@ -634,10 +626,7 @@ TEST_F(CaptureTest, SnapLengthSmallerThanTheRecords) {
   const uint32_t snap = 64;
   std::memcpy(file.data() + 16, &snap, 4);
   std::ofstream(cap, std::ios::binary | std::ios::trunc).write(reinterpret_cast<const char*>(file.data()), static_cast<long>(file.size()));
-  CaptureOptions options;
-  options.outDir = (m_dir / "out").string();
-  CaptureSession session(options);
-  decodeCapture(session, cap);
+  CaptureSession& session = decode(cap);
   EXPECT_EQ(session.packetCounters().truncated, 0u);
   ASSERT_EQ(session.written().size(), 1u);
   EXPECT_EQ(readWave(session.written()[0]).samples, decodeDirectly(rtp::describeStaticPayload(0), packets));
@@ -670,10 +659,7 @@ TEST_F(CaptureTest, FragmentedIpv6SipWithIpv6Media) {
       w.add(ethernet(ipv6(bobMedia, aliceMedia, udp(bobMedia, aliceMedia, packets[i].rtp)), 1), packets[i].time);
     }
   }
-  CaptureOptions options;
-  options.outDir = (m_dir / "out").string();
-  CaptureSession session(options);
-  decodeCapture(session, cap);
+  CaptureSession& session = decode(cap);
   EXPECT_EQ(session.packetCounters().reassembled, 1u);
   ASSERT_EQ(session.streams().size(), 1u);
   EXPECT_EQ(session.streams()[0].codec, "g722");
@@ -705,10 +691,7 @@ TEST_F(CaptureTest, ReadsPcapng) {
   }
   const fs::path cap = m_dir / "call.pcapng";
   std::ofstream(cap, std::ios::binary).write(reinterpret_cast<const char*>(file.data()), static_cast<long>(file.size()));
-  CaptureOptions options;
-  options.outDir = (m_dir / "out").string();
-  CaptureSession session(options);
-  decodeCapture(session, cap);
+  CaptureSession& session = decode(cap);
   ASSERT_EQ(session.written().size(), 1u);
   EXPECT_EQ(readWave(session.written()[0]).samples, decodeDirectly(rtp::describeStaticPayload(8), packets));
   EXPECT_TRUE(session.warnings().empty());
