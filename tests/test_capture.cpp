@@ -20,6 +20,7 @@
 #include "codecs/waveform/g711.h"
 #include "rtp_test_support.h"
 #include "test_support.h"
+#include "tool_fixture.h"
 #include "wav_file.h"
 
 namespace fs = std::filesystem;
@@ -128,26 +129,22 @@ void decodeCapture(CaptureSession& session, const fs::path& capture) {
   ASSERT_TRUE(session.finish(error)) << error;
 }
 
-class CaptureTest : public ::testing::Test {
+class CaptureTest : public ToolFixture {
  protected:
   void SetUp() override {
-    m_dir = fs::temp_directory_path() / ("quillon-capture-" + std::to_string(getpid()) + "-" +
-                                         ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(m_dir);
-    fs::create_directories(m_dir / "out");
+    ToolFixture::SetUp();
+    fs::create_directories(dir / "out");
   }
-  void TearDown() override { fs::remove_all(m_dir); }
 
   // A session over one capture, read and finished without error; the
   // output folder is the test's own unless the options name one.
   CaptureSession& decode(const fs::path& capture, CaptureOptions options = {}) {
-    if (options.outDir == ".") options.outDir = (m_dir / "out").string();
+    if (options.outDir == ".") options.outDir = (dir / "out").string();
     m_sessions.push_back(std::make_unique<CaptureSession>(options));
     decodeCapture(*m_sessions.back(), capture);
     return *m_sessions.back();
   }
 
-  fs::path m_dir;
   std::vector<std::unique_ptr<CaptureSession>> m_sessions;
 };
 
@@ -160,7 +157,7 @@ const Address kAliceMedia = v4(10, 0, 0, 1, 40000), kBobMedia = v4(10, 0, 0, 2, 
 // the caller left, the callee right and 200 ms later, each channel the
 // stream decoder's own output; events and the report.
 TEST_F(CaptureTest, SipCallGivesOneAlignedStereoFileAndReport) {
-  const fs::path cap = m_dir / "call.pcap";
+  const fs::path cap = dir / "call.pcap";
   const auto alicePayloads = g711Payloads(100, false, 1);
   const auto bobPayloads = g711Payloads(90, false, 2);
   const auto alice = stream(0, 0xa11ce, kStart + 100000, 100, 160, [&](size_t i) { return alicePayloads[i]; });
@@ -199,7 +196,7 @@ TEST_F(CaptureTest, SipCallGivesOneAlignedStereoFileAndReport) {
   CaptureOptions options;
   options.report = "json";
   CaptureSession& session = decode(cap, options);
-  const fs::path wav = m_dir / "out" / "20231114-221320_alice_bob_a84b4c76e66710@pc33.example.com.wav";
+  const fs::path wav = dir / "out" / "20231114-221320_alice_bob_a84b4c76e66710@pc33.example.com.wav";
   ASSERT_TRUE(fs::exists(wav));
   const Wave w = readWave(wav);
   EXPECT_EQ(w.channels, 2);
@@ -224,7 +221,7 @@ TEST_F(CaptureTest, SipCallGivesOneAlignedStereoFileAndReport) {
   }
   EXPECT_EQ(session.rtcpPackets(), 1u);
   EXPECT_EQ(session.sipMessages(), 4u);
-  const std::string report = readText(m_dir / "out" / "quillon-capture-report.json");
+  const std::string report = readText(dir / "out" / "quillon-capture-report.json");
   EXPECT_NE(report.find("\"codec\": \"pcmu\""), std::string::npos);
   EXPECT_NE(report.find("\"events\": 1"), std::string::npos);
   EXPECT_NE(report.find("\"jitter_ms\""), std::string::npos);
@@ -245,7 +242,7 @@ TEST_F(CaptureTest, DynamicPayloadBehindQinQWithSplit) {
     payloads.push_back(p);
   }
   const auto packets = stream(96, 42, kStart, payloads.size(), 320, [&](size_t i) { return payloads[i]; });
-  const fs::path cap = m_dir / "vlan.pcap";
+  const fs::path cap = dir / "vlan.pcap";
   {
     PcapWriter w(cap.string(), DLT_EN10MB);
     for (const Packet& p : packets)
@@ -286,7 +283,7 @@ TEST_F(CaptureTest, Ipv6CookedCaptureWithLossAndReordering) {
   const auto back = g711Payloads(100, true, 3);
   const auto reverse = stream(8, 8, kStart + 10000, 100, 160, [&](size_t i) { return back[i]; });
   const Address a = v6(1, 30000), b = v6(2, 30002);
-  const fs::path cap = m_dir / "v6.pcap";
+  const fs::path cap = dir / "v6.pcap";
   {
     PcapWriter w(cap.string(), DLT_LINUX_SLL);
     for (size_t i = 0; i < std::max(packets.size(), reverse.size()); i++) {
@@ -336,7 +333,7 @@ TEST_F(CaptureTest, FragmentedSipDescribesTheStream) {
     payloads.push_back(p);
   }
   const auto packets = stream(97, 1, kStart + 100000, payloads.size(), 320, [&](size_t i) { return payloads[i]; });
-  const fs::path cap = m_dir / "frag.pcap";
+  const fs::path cap = dir / "frag.pcap";
   {
     PcapWriter w(cap.string(), DLT_EN10MB);
     auto fragments = ipv4(kAlice, kBob, udp(kAlice, kBob, bytes(invite)), 99, 1200);
@@ -361,7 +358,7 @@ TEST_F(CaptureTest, FragmentedSipDescribesTheStream) {
 TEST_F(CaptureTest, DamagedInputWarnsAndStillDecodes) {
   const auto payloads = g711Payloads(100, false, 4);
   const auto packets = stream(0, 0x55, kStart + 100000, 100, 160, [&](size_t i) { return payloads[i]; });
-  const fs::path cap = m_dir / "bad.pcap";
+  const fs::path cap = dir / "bad.pcap";
   uint32_t seed = 99;
   {
     PcapWriter w(cap.string(), DLT_EN10MB);
@@ -388,16 +385,16 @@ TEST_F(CaptureTest, DamagedInputWarnsAndStillDecodes) {
     }
   }
   // A second copy cut inside its last record.
-  const fs::path cut = m_dir / "cut.pcap";
+  const fs::path cut = dir / "cut.pcap";
   {
     auto all = readFile(cap);
     all.resize(all.size() - 100);
-    std::ofstream(cut, std::ios::binary).write(reinterpret_cast<const char*>(all.data()), static_cast<long>(all.size()));
+    writeBytes(cut, all);
   }
   const auto clean = decodeDirectly(rtp::describeStaticPayload(0), packets);
   for (const fs::path& input : {cap, cut}) {
-    fs::remove_all(m_dir / "out");
-    fs::create_directories(m_dir / "out");
+    fs::remove_all(dir / "out");
+    fs::create_directories(dir / "out");
     CaptureSession& session = decode(input);
     ASSERT_EQ(session.streams().size(), 1u);
     EXPECT_EQ(session.streams()[0].garbage, 11u);  // i % 9 == 4 below 100
@@ -425,16 +422,16 @@ TEST_F(CaptureTest, DamagedInputWarnsAndStillDecodes) {
 TEST_F(CaptureTest, ExistingOutputsNeedForce) {
   const auto payloads = g711Payloads(20, false, 5);
   const auto packets = stream(0, 1, kStart, 20, 160, [&](size_t i) { return payloads[i]; });
-  const fs::path cap = m_dir / "small.pcap";
+  const fs::path cap = dir / "small.pcap";
   {
     PcapWriter w(cap.string(), DLT_EN10MB);
     for (const Packet& p : packets)
       for (const auto& ip : ipv4(kAliceMedia, kBobMedia, udp(kAliceMedia, kBobMedia, p.rtp))) w.add(ethernet(ip), p.time);
   }
   CaptureOptions options;
-  options.outDir = (m_dir / "out").string();
-  const fs::path name = m_dir / "out" / "20231114-221320_10.0.0.1_40000_10.0.0.2_50000_rtp1.wav";
-  const fs::path victim = m_dir / "victim.txt";
+  options.outDir = (dir / "out").string();
+  const fs::path name = dir / "out" / "20231114-221320_10.0.0.1_40000_10.0.0.2_50000_rtp1.wav";
+  const fs::path victim = dir / "victim.txt";
   std::ofstream(victim) << "keep";
   fs::create_symlink(victim, name);
   std::string error;
@@ -454,28 +451,28 @@ TEST_F(CaptureTest, ExistingOutputsNeedForce) {
   EXPECT_EQ(readText(victim), "keep");
   EXPECT_FALSE(fs::is_symlink(name));
   EXPECT_EQ(readWave(name).samples.size(), 20u * 160 + 30);
-  for (const auto& e : fs::directory_iterator(m_dir / "out")) EXPECT_EQ(e.path().filename().string().find(".quillon"), std::string::npos);
+  for (const auto& e : fs::directory_iterator(dir / "out")) EXPECT_EQ(e.path().filename().string().find(".quillon"), std::string::npos);
 }
 
 // The command reads a capture from standard input and writes a CSV report.
 TEST_F(CaptureTest, ToolReadsStandardInputAndWritesCsv) {
   const auto payloads = g711Payloads(30, true, 6);
   const auto packets = stream(8, 1, kStart, 30, 160, [&](size_t i) { return payloads[i]; });
-  const fs::path cap = m_dir / "in.pcap";
+  const fs::path cap = dir / "in.pcap";
   {
     PcapWriter w(cap.string(), DLT_RAW);
     for (const Packet& p : packets)
       for (const auto& ip : ipv4(kAliceMedia, kBobMedia, udp(kAliceMedia, kBobMedia, p.rtp))) w.add(ip, p.time);
   }
-  const std::string cmd = std::string(QUILLON_TOOL_PATH) + " capture --out " + (m_dir / "out").string() +
-                          " --report csv - < " + cap.string() + " > " + (m_dir / "stdout.txt").string() + " 2>&1";
-  ASSERT_EQ(std::system(cmd.c_str()), 0) << readText(m_dir / "stdout.txt");
-  const std::string csv = readText(m_dir / "out" / "quillon-capture-report.csv");
+  std::string err;
+  ASSERT_EQ(run("capture --out out --report csv - < in.pcap", &err), 0) << err;
+  const std::string csv = readText(dir / "out" / "quillon-capture-report.csv");
   EXPECT_EQ(csv.rfind("call_id,side,source,destination,ssrc,payload_type,codec", 0), 0u);
   EXPECT_NE(csv.find("rtp1,caller,10.0.0.1:40000,10.0.0.2:50000,00000001,8,pcma,8000,30,0,0,0,0,0.000,0.000,0.604,"), std::string::npos)
       << csv;
   // A bad option and a missing folder are usage errors.
-  EXPECT_NE(std::system((std::string(QUILLON_TOOL_PATH) + " capture --report xml x 2>/dev/null").c_str()), 0);
+  EXPECT_EQ(run("capture --report xml in.pcap"), 2);
+  EXPECT_EQ(run("capture --out missing in.pcap"), 2);
 }
 
 TEST(CaptureEModel, RatingFollowsG107AndG113Values) {
@@ -501,9 +498,9 @@ TEST(CaptureEModel, RatingFollowsG107AndG113Values) {
 // ffmpeg's own decoding of the same G.711 bytes (behind the concealment's
 // 3.75 ms delay).
 TEST_F(CaptureTest, FfmpegRtpOverLoopbackMatchesFfmpegDecoding) {
-  if (std::system("command -v ffmpeg >/dev/null 2>&1") != 0) GTEST_SKIP() << "ffmpeg not installed";
+  if (sh("command -v ffmpeg >/dev/null") != 0) GTEST_SKIP() << "ffmpeg not installed";
   const auto pcm = speechLike(8000 * 2, 8000);
-  const fs::path raw = m_dir / "in.raw";
+  const fs::path raw = dir / "in.raw";
   std::ofstream(raw, std::ios::binary).write(reinterpret_cast<const char*>(pcm.data()), static_cast<long>(pcm.size() * 2));
   for (const std::string codec : {"pcm_mulaw", "pcm_alaw"}) {
     const int sock = socket(AF_INET, SOCK_DGRAM, 0);
@@ -517,13 +514,13 @@ TEST_F(CaptureTest, FfmpegRtpOverLoopbackMatchesFfmpegDecoding) {
     const int buffer = 4 << 20;
     setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
     const uint16_t port = ntohs(addr.sin_port);
-    const fs::path sdpFile = m_dir / (codec + ".sdp");
+    const fs::path sdpFile = dir / (codec + ".sdp");
     const std::string send = "timeout 20 ffmpeg -v error -y -f s16le -ar 8000 -ac 1 -i " + raw.string() + " -c:a " +
                              codec + " -rtpflags skip_rtcp -sdp_file " + sdpFile.string() + " -f rtp rtp://127.0.0.1:" +
                              std::to_string(port) + " >/dev/null 2>&1 &";
-    ASSERT_EQ(std::system(send.c_str()), 0);
+    ASSERT_EQ(sh(send), 0);
     // Receive until nothing has come for a second (at most 20 s).
-    const fs::path cap = m_dir / (codec + ".pcap");
+    const fs::path cap = dir / (codec + ".pcap");
     {
       PcapWriter w(cap.string(), DLT_RAW);
       const Address to = v4(127, 0, 0, 1, port);
@@ -548,19 +545,19 @@ TEST_F(CaptureTest, FfmpegRtpOverLoopbackMatchesFfmpegDecoding) {
     close(sock);
     ASSERT_TRUE(fs::exists(sdpFile));
     // ffmpeg's decoding of its own G.711 bytes.
-    const fs::path ref = m_dir / (codec + ".ref");
-    const std::string decode = "ffmpeg -v error -y -f s16le -ar 8000 -ac 1 -i " + raw.string() + " -c:a " + codec +
+    const fs::path ref = dir / (codec + ".ref");
+    const std::string reference = "ffmpeg -v error -y -f s16le -ar 8000 -ac 1 -i " + raw.string() + " -c:a " + codec +
                                " -f wav - 2>/dev/null | ffmpeg -v error -y -i - -f s16le " + ref.string();
-    ASSERT_EQ(std::system(decode.c_str()), 0);
+    ASSERT_EQ(sh(reference), 0);
     const auto refBytes = readFile(ref);
     std::vector<int16_t> expected(30, 0);
     for (size_t i = 0; i + 1 < refBytes.size(); i += 2)
       expected.push_back(static_cast<int16_t>(refBytes[i] | (refBytes[i + 1] << 8)));
 
-    fs::remove_all(m_dir / "out");
-    fs::create_directories(m_dir / "out");
+    fs::remove_all(dir / "out");
+    fs::create_directories(dir / "out");
     CaptureOptions options;
-    options.outDir = (m_dir / "out").string();
+    options.outDir = (dir / "out").string();
     options.split = true;
     CaptureSession session(options);
     std::string error;
@@ -583,7 +580,7 @@ TEST_F(CaptureTest, SipOverTcpInLoopbackFraming) {
                              "tcp-call");
   const auto payloads = g722Payloads(speechLike(16000, 16000));
   const auto packets = stream(98, 9, kStart + 200000, payloads.size(), 160, [&](size_t i) { return payloads[i]; });
-  const fs::path cap = m_dir / "tcp.pcap";
+  const fs::path cap = dir / "tcp.pcap";
   {
     PcapWriter w(cap.string(), DLT_NULL);
     auto loop = [](const std::vector<uint8_t>& ip) {
@@ -616,7 +613,7 @@ TEST_F(CaptureTest, SipOverTcpInLoopbackFraming) {
 TEST_F(CaptureTest, SnapLengthSmallerThanTheRecords) {
   const auto payloads = g711Payloads(20, false, 7);
   const auto packets = stream(0, 1, kStart, 20, 160, [&](size_t i) { return payloads[i]; });
-  const fs::path cap = m_dir / "snap.pcap";
+  const fs::path cap = dir / "snap.pcap";
   {
     PcapWriter w(cap.string(), DLT_EN10MB);
     for (const Packet& p : packets)
@@ -625,7 +622,7 @@ TEST_F(CaptureTest, SnapLengthSmallerThanTheRecords) {
   auto file = readFile(cap);
   const uint32_t snap = 64;
   std::memcpy(file.data() + 16, &snap, 4);
-  std::ofstream(cap, std::ios::binary | std::ios::trunc).write(reinterpret_cast<const char*>(file.data()), static_cast<long>(file.size()));
+  writeBytes(cap, file);
   CaptureSession& session = decode(cap);
   EXPECT_EQ(session.packetCounters().truncated, 0u);
   ASSERT_EQ(session.written().size(), 1u);
@@ -646,7 +643,7 @@ TEST_F(CaptureTest, FragmentedIpv6SipWithIpv6Media) {
   const std::string invite = sip("INVITE sip:bob@example.com SIP/2.0", "1 INVITE", body, "v6-call");
   const auto payloads = g722Payloads(speechLike(16000, 16000));
   const auto packets = stream(99, 4, kStart + 20000, payloads.size(), 160, [&](size_t i) { return payloads[i]; });
-  const fs::path cap = m_dir / "v6frag.pcap";
+  const fs::path cap = dir / "v6frag.pcap";
   {
     PcapWriter w(cap.string(), DLT_EN10MB);
     auto fragments = ipv6Fragments(alice, bob, udp(alice, bob, bytes(invite)), 77, 1000);
@@ -689,18 +686,16 @@ TEST_F(CaptureTest, ReadsPcapng) {
     file.resize(file.size() + padded - frame.size(), 0);
     u32(total);
   }
-  const fs::path cap = m_dir / "call.pcapng";
-  std::ofstream(cap, std::ios::binary).write(reinterpret_cast<const char*>(file.data()), static_cast<long>(file.size()));
+  const fs::path cap = dir / "call.pcapng";
+  writeBytes(cap, file);
   CaptureSession& session = decode(cap);
   ASSERT_EQ(session.written().size(), 1u);
   EXPECT_EQ(readWave(session.written()[0]).samples, decodeDirectly(rtp::describeStaticPayload(8), packets));
   EXPECT_TRUE(session.warnings().empty());
 
-  const std::string cmd = std::string(QUILLON_TOOL_PATH) + " capture --dry-run - < " + cap.string() + " > " +
-                          (m_dir / "stdout.txt").string() + " 2>&1";
-  ASSERT_EQ(std::system(cmd.c_str()), 0);
-  EXPECT_NE(readText(m_dir / "stdout.txt").find("pcma: 25 packets, 0 lost"), std::string::npos)
-      << readText(m_dir / "stdout.txt");
+  ASSERT_EQ(sh(std::string(QUILLON_TOOL_PATH) + " capture --dry-run - < call.pcapng > stdout.txt"), 0);
+  EXPECT_NE(readText(dir / "stdout.txt").find("pcma: 25 packets, 0 lost"), std::string::npos)
+      << readText(dir / "stdout.txt");
 }
 
 namespace {
