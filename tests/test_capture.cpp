@@ -733,3 +733,39 @@ TEST(CaptureUpsample, IntegerRatioKeepsTheBandAndRemovesImages) {
   const auto up = tool::upsample(slow, 8000, 16000);
   for (size_t k = 20; k < 780; k += 37) EXPECT_NEAR(up[2 * k], slow[k], 80) << k;
 }
+
+// The caller's audio moves to another port mid-call (as after a
+// re-INVITE): both of its streams go into the left channel, each at its
+// own time.
+TEST_F(CaptureTest, SecondCallerStreamJoinsTheLeftChannel) {
+  const auto first = g711Payloads(50, false, 11), second = g711Payloads(50, false, 12), back = g711Payloads(150, false, 13);
+  const auto a = stream(0, 1, kStart, 50, 160, [&](size_t i) { return first[i]; });
+  const auto b = stream(0, 2, kStart + 1500000, 50, 160, [&](size_t i) { return second[i]; });
+  const auto c = stream(0, 3, kStart, 150, 160, [&](size_t i) { return back[i]; });
+  const Address aliceMoved = v4(10, 0, 0, 1, 40002);
+  const fs::path cap = dir / "moved.pcap";
+  {
+    PcapWriter w(cap.string(), DLT_EN10MB);
+    auto send = [&](const Address& from, const Address& to, const std::vector<uint8_t>& payload, uint64_t t) {
+      w.add(ethernet(ipv4(from, to, udp(from, to, payload))[0]), t);
+    };
+    send(kAlice, kBob, bytes(sip("INVITE sip:bob@example.com SIP/2.0", "1 INVITE", sdp("10.0.0.1", 40000, "0", ""), "moved")),
+         kStart - 100000);
+    send(kBob, kAlice, bytes(sip("SIP/2.0 200 OK", "1 INVITE", sdp("10.0.0.2", 50000, "0", ""), "moved")), kStart - 50000);
+    for (size_t i = 0; i < 150; i++) {
+      if (i < 50) send(kAliceMedia, kBobMedia, a[i].rtp, a[i].time);
+      if (i >= 75 && i < 125) send(aliceMoved, kBobMedia, b[i - 75].rtp, b[i - 75].time);
+      send(kBobMedia, kAliceMedia, c[i].rtp, c[i].time + 10);
+    }
+  }
+  CaptureSession& session = decode(cap);
+  ASSERT_EQ(session.streams().size(), 3u);
+  ASSERT_EQ(session.written().size(), 1u);
+  for (const auto& s : session.streams()) EXPECT_EQ(s.side, s.ssrc == 3 ? "callee" : "caller");
+  const Wave w = readWave(session.written()[0]);
+  const auto left = w.channel(0);
+  const auto da = decodeDirectly(rtp::describeStaticPayload(0), a), db = decodeDirectly(rtp::describeStaticPayload(0), b);
+  ASSERT_GE(left.size(), 12000 + db.size());
+  EXPECT_TRUE(std::equal(da.begin(), da.end(), left.begin()));
+  EXPECT_TRUE(std::equal(db.begin(), db.end(), left.begin() + 12000));  // 1.5 s in
+}

@@ -778,29 +778,20 @@ bool CaptureSession::writeCall(Call& c, std::string& error) {
     }
     return ok;
   }
-  // Stereo: the caller left, the callee right, both at the higher rate,
-  // each placed by the capture time of its first packet.
-  Stream* left = nullptr;
-  Stream* right = nullptr;
-  for (Stream* s : decoded) {
-    if (s->callerSide && !left) left = s;
-    else if (!s->callerSide && !right) right = s;
-  }
-  for (Stream* s : decoded)
-    if (s != left && s != right) {
-      if (!left) left = s;
-      else if (!right) right = s;
-    }
-  uint32_t rate = std::max(left ? left->decoder->sampleRate() : 0u, right ? right->decoder->sampleRate() : 0u);
+  // Stereo: the caller left, the callee right, both at the highest rate;
+  // every stream of a side (a new port or source after a re-INVITE) is
+  // placed in its channel by the capture time of its first packet.
+  uint32_t rate = 0;
+  for (Stream* s : decoded) rate = std::max(rate, s->decoder->sampleRate());
   std::vector<int16_t> channel[2];
-  Stream* sides[2] = {left, right};
-  for (int k = 0; k < 2; k++) {
-    if (!sides[k]) continue;
-    std::vector<int16_t> pcm = upsample(sides[k]->pcm, sides[k]->decoder->sampleRate(), rate);
-    const uint64_t first = std::max(sides[k]->pcmStart, start);
-    const uint64_t lead = (first - start) * rate / 1000000u;
-    channel[k].assign(static_cast<size_t>(lead), 0);
-    channel[k].insert(channel[k].end(), pcm.begin(), pcm.end());
+  for (Stream* s : decoded) {
+    std::vector<int16_t>& side = channel[s->callerSide ? 0 : 1];
+    const std::vector<int16_t> pcm = upsample(s->pcm, s->decoder->sampleRate(), rate);
+    const uint64_t first = std::max(s->pcmStart, start);
+    const size_t lead = static_cast<size_t>((first - start) * rate / 1000000u);
+    if (side.size() < lead + pcm.size()) side.resize(lead + pcm.size(), 0);
+    for (size_t i = 0; i < pcm.size(); i++)
+      side[lead + i] = static_cast<int16_t>(std::clamp(side[lead + i] + pcm[i], -32768, 32767));
   }
   const size_t length = std::max(channel[0].size(), channel[1].size());
   std::vector<int16_t> stereo(2 * length, 0);
@@ -808,7 +799,7 @@ bool CaptureSession::writeCall(Call& c, std::string& error) {
     for (size_t i = 0; i < channel[k].size(); i++) stereo[2 * i + static_cast<size_t>(k)] = channel[k][i];
   std::string finalName;
   if (!publish(base + ".wav", stereo, rate, 2, finalName, error)) ok = false;
-  for (Stream* s : c.streams) summarise(*s, (s == left || s == right) ? finalName : std::string());
+  for (Stream* s : c.streams) summarise(*s, s->decoder ? finalName : std::string());
   return ok;
 }
 
