@@ -11,24 +11,34 @@ void printHelp() {
   std::printf(
       "usage: quillon [--trace] COMMAND ...\n"
       "\n"
-      "  decode [--codec CODE] [--rate 8000] [--resampler mean|halfband] [--raw] [--api] INPUT OUTPUT\n"
+      "  decode [--codec CODE] [--rate 8000] [--resampler mean|halfband] [--raw] [--api]\n"
+      "         [--channels stereo|mix|left|right|split] INPUT OUTPUT\n"
       "      decode a recording to 16-bit PCM: a WAVE file, or bare little-endian\n"
-      "      samples with --raw. Without --codec the file's container says what it\n"
-      "      is (WAVE, AMR-WB storage, SILK_V3, Ogg Opus); raw streams need --codec,\n"
-      "      which always wins. --rate 8000 halves 16 kHz codecs, by pair means or\n"
-      "      with --resampler halfband by an anti-aliasing low-pass; --api decodes\n"
-      "      through the plain C exports instead of the transcoder.\n"
+      "      samples with --raw. INPUT '-' is standard input (a pipe works). The\n"
+      "      container says what it holds (WAVE, RF64, AMR-WB storage, SILK_V3, Ogg\n"
+      "      Opus); raw streams need --codec, and a --codec the container contradicts\n"
+      "      is refused. Stereo WAVE stays stereo; --channels mixes, picks one side or\n"
+      "      splits into NAME.left.wav and NAME.right.wav. --rate 8000 halves 16 kHz\n"
+      "      codecs, by pair means or with --resampler halfband by an anti-aliasing\n"
+      "      low-pass; --api decodes through the plain C exports instead.\n"
       "  probe FILE\n"
-      "      say what a file is and whether it can be decoded.\n"
+      "      say what a file (or '-', standard input) is, its channels and whether\n"
+      "      it can be decoded.\n"
       "  batch --codec CODE|auto [--jobs N] [--force] [--rate 8000] [--resampler R] IN_DIR OUT_DIR\n"
       "      decode every file under IN_DIR to OUT_DIR/<same path>.wav in N threads;\n"
       "      files already converted are skipped unless --force; a summary is\n"
       "      written to OUT_DIR/quillon-batch-summary.txt.\n"
       "  encode --codec CODE [--mode N] [--dtx] INPUT.wav OUTPUT\n"
-      "      encode a 16-bit PCM mono WAVE file (8000 or 16000 Hz). For amrwb\n"
+      "      encode a 16-bit PCM mono WAVE file (8000 or 16000 Hz; '-' reads standard\n"
+      "      input). For amrwb\n"
       "      (16000 Hz input), --mode 0..8 picks 6.60 to 23.85 kbit/s (default 2,\n"
       "      12.65 kbit/s) and --dtx sends SID/NO_DATA frames in speech pauses;\n"
       "      the output is the length-prefixed frame stream 'decode --codec amrwb' reads.\n"
+      "  capture [--out DIR] [--split] [--force] [--dry-run] [--report csv|json] [--pt PT=NAME]\n"
+      "          [--sdp FILE] [--rate 8000|16000|48000] CAPTURE...\n"
+      "      decode the RTP calls of pcap/pcapng captures ('-': standard input) to\n"
+      "      one stereo WAVE per call (caller left), or one mono WAVE per stream\n"
+      "      with --split; SIP/SDP in the capture, --sdp or --pt describe payloads.\n"
       "  text --from NAME --to NAME [--filter upper|lower|sort] [IN [OUT]]\n"
       "      convert text between character sets (standard input/output by default).\n"
       "  host\n"
@@ -70,6 +80,7 @@ int main(int argc, char** argv) {
   if (std::strcmp(command, "batch") == 0) return runBatchCommand(subArgc, subArgv);
   if (std::strcmp(command, "text") == 0) return runTextCommand(subArgc, subArgv);
   if (std::strcmp(command, "host") == 0) return runHostCommand(subArgc, subArgv);
+  if (std::strcmp(command, "capture") == 0) return runCaptureCommand(subArgc, subArgv);
   if (std::strcmp(command, "help") == 0 || std::strcmp(command, "--help") == 0 || std::strcmp(command, "-h") == 0) {
     printHelp();
     return 0;
