@@ -15,7 +15,7 @@ namespace {
 constexpr size_t kReadChunk = 64 * 1024;
 }
 
-bool convertFile(const std::string& input, const std::string& output, const ConvertOptions& options,
+bool convertFile(const std::string& input, SafeOutput& output, const ConvertOptions& options,
                  ConvertResult& result, std::string& error) {
   result = ConvertResult();
   if (!probeFile(input, result.probe, error)) return false;
@@ -32,6 +32,15 @@ bool convertFile(const std::string& input, const std::string& output, const Conv
     result.code = probe.code;
   }
 
+  if (!canDecode(result.code)) {
+    error = codecName(result.code) + " cannot be decoded by this build; it decodes " + decodableCodecs();
+    result.badArguments = options.haveCodec;
+    return false;
+  }
+  if (!checkOutputRate(result.code, options.rate, error)) {
+    result.badArguments = true;
+    return false;
+  }
   DecodeOptions decode;
   decode.code = result.code;
   decode.rate = options.rate;
@@ -49,12 +58,17 @@ bool convertFile(const std::string& input, const std::string& output, const Conv
   }
   result.rate = pipeline.outputRate();
   OutputFile out;
-  if (!out.open(output, AudioFormat(result.rate == 16000 ? CT_PCM16_16K : CT_PCM16, 1), result.rate,
+  if (!out.open(output.stream(), output.name(), AudioFormat(result.rate == 16000 ? CT_PCM16_16K : CT_PCM16, 1), result.rate,
                 options.raw ? OutputFile::Header::None : OutputFile::Header::Plain, error))
     return false;
   std::vector<int16_t> pcm;
   bool ok = true;
   while (n > 0) {
+    if (interruptSignal()) {
+      error = "interrupted";
+      ok = false;
+      break;
+    }
     pcm.clear();
     if (!pipeline.feed(chunk.data(), n, pcm, error)) {
       error = input + ": " + error;
@@ -62,7 +76,7 @@ bool convertFile(const std::string& input, const std::string& output, const Conv
       break;
     }
     if (!out.write(pcm.data(), pcm.size() * 2)) {
-      error = "cannot write " + output + ": " + std::strerror(errno);
+      error = "cannot write " + output.name() + ": " + std::strerror(errno);
       ok = false;
       break;
     }
@@ -75,7 +89,7 @@ bool convertFile(const std::string& input, const std::string& output, const Conv
       error = input + ": " + error;
       ok = false;
     } else if (!out.write(pcm.data(), pcm.size() * 2)) {
-      error = "cannot write " + output + ": " + std::strerror(errno);
+      error = "cannot write " + output.name() + ": " + std::strerror(errno);
       ok = false;
     }
     result.samples += pcm.size();
@@ -96,6 +110,18 @@ bool convertFile(const std::string& input, const std::string& output, const Conv
     return false;
   }
   return true;
+}
+
+bool convertFile(const std::string& input, const std::string& output, const ConvertOptions& options,
+                 ConvertResult& result, std::string& error) {
+  result = ConvertResult();
+  SafeOutput out;
+  const SafeOutput::Status status = out.open(output, true, {input}, error);
+  if (status != SafeOutput::Status::Ok) {
+    result.badArguments = status == SafeOutput::Status::Refused;
+    return false;
+  }
+  return convertFile(input, out, options, result, error) && out.commit(error);
 }
 
 }  // namespace quillon::tool

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "containers.h"
+#include "output_file.h"
 #include "pipeline.h"
 
 namespace quillon::tool {
@@ -25,10 +26,18 @@ struct ConvertResult {
   uint64_t samples = 0;
   uint32_t rate = 0;
   size_t leftoverBytes = 0;
+  bool badArguments = false;
 };
 
-// Decodes `input` into `output`. On failure `error` says why; output that
-// was already written is kept with a completed header.
+// Decodes `input` into `output`, which the caller opened and commits when
+// this succeeds. On failure `error` says why; `result.badArguments` tells
+// an option that does not fit the stream (such as --rate) from bad input.
+// Stops with an error when an interrupt signal was received.
+bool convertFile(const std::string& input, SafeOutput& output, const ConvertOptions& options,
+                 ConvertResult& result, std::string& error);
+// The same into the file `output` ("-": standard output), written under a
+// temporary name and renamed over `output` only when complete. An output
+// that is the input is refused (`result.badArguments`).
 bool convertFile(const std::string& input, const std::string& output, const ConvertOptions& options,
                  ConvertResult& result, std::string& error);
 

@@ -81,16 +81,25 @@ OutputFile::~OutputFile() {
 
 bool OutputFile::open(const std::string& path, const TAV::AudioFormat& format, uint32_t sampleRate, Header header,
                       std::string& error) {
-  m_format = format;
-  m_rate = sampleRate;
-  m_header = header;
-  m_file = std::fopen(path.c_str(), "wb");
-  if (!m_file) {
+  FILE* file = std::fopen(path.c_str(), "wb");
+  if (!file) {
     error = "cannot create " + path + ": " + std::strerror(errno);
     return false;
   }
+  const bool ok = open(file, path, format, sampleRate, header, error);
+  m_ownsFile = true;
+  return ok;
+}
+
+bool OutputFile::open(FILE* stream, const std::string& name, const TAV::AudioFormat& format, uint32_t sampleRate,
+                      Header header, std::string& error) {
+  m_format = format;
+  m_rate = sampleRate;
+  m_header = header;
+  m_file = stream;
+  m_ownsFile = false;
   if (!writeHeader()) {
-    error = "cannot write " + path + ": " + std::strerror(errno);
+    error = "cannot write " + name + ": " + std::strerror(errno);
     return false;
   }
   return true;
@@ -128,7 +137,7 @@ bool OutputFile::finish(std::string& error) {
   if (m_header != Header::None) {
     ok = std::fseek(m_file, 0, SEEK_SET) == 0 && writeHeader();
   }
-  if (std::fclose(m_file) != 0) ok = false;
+  if ((m_ownsFile ? std::fclose(m_file) : std::fflush(m_file)) != 0) ok = false;
   m_file = nullptr;
   if (!ok) error = std::string("cannot finish the output file: ") + std::strerror(errno);
   return ok;

@@ -39,6 +39,9 @@ class OutputFile {
   ~OutputFile();
   bool open(const std::string& path, const TAV::AudioFormat& format, uint32_t sampleRate, Header header,
             std::string& error);
+  // Writes to a stream the caller opened and closes; finish() flushes it.
+  bool open(FILE* stream, const std::string& name, const TAV::AudioFormat& format, uint32_t sampleRate,
+            Header header, std::string& error);
   bool write(const void* data, size_t bytes);
   // Rewrites the header with the final length and closes the file.
   bool finish(std::string& error);
@@ -48,6 +51,7 @@ class OutputFile {
   bool writeHeader();
 
   FILE* m_file = nullptr;
+  bool m_ownsFile = true;
   TAV::AudioFormat m_format;
   uint32_t m_rate = 0;
   Header m_header = Header::None;
