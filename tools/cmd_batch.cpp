@@ -72,16 +72,21 @@ Outcome convertEntry(const BatchEntry& entry, const fs::path& inDir, const fs::p
     o.reason = error;
     return o;
   }
-  SafeOutput out;
-  ConvertResult result;
-  if (out.open(output.string(), force, {input.string()}, error) == SafeOutput::Status::Ok &&
-      convertFile(input.string(), out, options, result, error) && out.commit(error)) {
-    o.state = State::Converted;
-    o.audioSeconds = result.rate ? static_cast<double>(result.samples) / result.rate : 0;
-  } else {
-    o.state = interruptSignal() ? State::Interrupted : State::Failed;
-    o.reason = withoutPath(error, input.string());
+  // An exception (a fatal library error, memory) fails this file only.
+  try {
+    SafeOutput out;
+    ConvertResult result;
+    if (out.open(output.string(), force, {input.string()}, error) == SafeOutput::Status::Ok &&
+        convertFile(input.string(), out, options, result, error) && out.commit(error)) {
+      o.state = State::Converted;
+      o.audioSeconds = result.rate ? static_cast<double>(result.samples) / result.rate : 0;
+      return o;
+    }
+  } catch (const std::exception& e) {
+    error = e.what();
   }
+  o.state = interruptSignal() ? State::Interrupted : State::Failed;
+  o.reason = withoutPath(error, input.string());
   return o;
 }
 

@@ -1,6 +1,7 @@
 // quillon: decode and encode telephony and radio speech streams.
 #include <cstdio>
 #include <cstring>
+#include <exception>
 
 #include "commands.h"
 #include "quillon/trace.h"
@@ -11,7 +12,7 @@ void printHelp() {
   std::printf(
       "usage: quillon [--trace] COMMAND ...\n"
       "\n"
-      "  decode [--codec CODE] [--rate 8000] [--resampler mean|halfband] [--raw] [--api] INPUT OUTPUT\n"
+      "  decode [--codec CODE] [--rate 8000] [--resampler mean|halfband] [--raw] [--api] INPUT OUTPUT|-\n"
       "      decode a recording to 16-bit PCM: a WAVE file, or bare little-endian\n"
       "      samples with --raw. Without --codec the file's container says what it\n"
       "      is (WAVE, AMR-WB storage, SILK_V3, Ogg Opus); raw streams need --codec,\n"
@@ -22,9 +23,11 @@ void printHelp() {
       "      say what a file is and whether it can be decoded.\n"
       "  batch --codec CODE|auto [--jobs N] [--force] [--rate 8000] [--resampler R] IN_DIR OUT_DIR\n"
       "      decode every file under IN_DIR to OUT_DIR/<same path>.wav in N threads;\n"
-      "      files already converted are skipped unless --force; a summary is\n"
-      "      written to OUT_DIR/quillon-batch-summary.txt.\n"
-      "  encode --codec CODE [--mode N] [--dtx] INPUT.wav OUTPUT\n"
+      "      files already converted are skipped unless --force; files of one\n"
+      "      folder that would share an output are named X.ext.wav instead; a\n"
+      "      summary is written to OUT_DIR/quillon-batch-summary.txt, also when\n"
+      "      stopped by SIGINT/SIGTERM.\n"
+      "  encode --codec CODE [--mode N] [--dtx] INPUT.wav OUTPUT|-\n"
       "      encode a 16-bit PCM mono WAVE file (8000 or 16000 Hz). For amrwb\n"
       "      (16000 Hz input), --mode 0..8 picks 6.60 to 23.85 kbit/s (default 2,\n"
       "      12.65 kbit/s) and --dtx sends SID/NO_DATA frames in speech pauses;\n"
@@ -41,14 +44,16 @@ void printHelp() {
       "      print a table of sizes, speeds and signal-to-noise ratios.\n"
       "  help\n"
       "\n"
-      "CODE is a compression number or a name from 'quillon codecs'.\n"
+      "CODE is a compression number or a name from 'quillon codecs'. OUTPUT -\n"
+      "is standard output. Outputs are written under a temporary name and\n"
+      "renamed when complete; an output that is the input is refused.\n"
+      "Exit status: 0 done, 1 bad input or failed output, 2 bad arguments,\n"
+      "130/143 interrupted.\n"
       "--trace sends the library's trace lines to standard error (they are\n"
       "discarded otherwise).\n");
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int dispatch(int argc, char** argv) {
   int first = 1;
   quillon_set_trace_sink(nullptr);
   if (first < argc && std::strcmp(argv[first], "--trace") == 0) {
@@ -76,4 +81,17 @@ int main(int argc, char** argv) {
   }
   std::fprintf(stderr, "quillon: unknown command '%s' (see 'quillon help')\n", command);
   return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // An exception (a fatal library error, memory) ends the command with exit
+  // status 1; unwinding removes its temporary output file.
+  try {
+    return dispatch(argc, argv);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "quillon: %s\n", e.what());
+    return 1;
+  }
 }
