@@ -114,8 +114,8 @@ int runBatchCommand(int argc, char** argv) {
       haveCodecOption = true;
       if (c != "auto") {
         if (!parseCodec(c, options.code)) return usage("unknown codec '" + c + "'");
-        if (!canDecode(options.code))
-          return usage(codecName(options.code) + " cannot be decoded by this build; it decodes " + decodableCodecs());
+        std::string error;
+        if (!checkDecodable(options.code, error)) return usage(error);
         options.haveCodec = true;
       }
     } else if (a == "--jobs" && i + 1 < argc) {

@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "codec/codec_registry.h"
 #include "codec_names.h"
 #include "commands.h"
 #include "convert.h"
@@ -63,9 +62,7 @@ int runDecodeCommand(int argc, char** argv) {
   if (files.size() != 2) return usageError("decode", "expected INPUT and OUTPUT");
   std::string error;
   if (options.haveCodec) {
-    if (!canDecode(options.code))
-      return usageError("decode", codecName(options.code) + " cannot be decoded by this build; it decodes " +
-                                      decodableCodecs());
+    if (!checkDecodable(options.code, error)) return usageError("decode", error);
     if (!checkOutputRate(options.code, options.rate, error)) return usageError("decode", error);
   }
   if (inputIsFolder(files[0], error)) return usageError("decode", error);
@@ -135,10 +132,8 @@ int runEncodeCommand(int argc, char** argv) {
   if (!haveCodec) return usageError("encode", "--codec is required");
   if (haveAmrWbOption && code != CT_AMRWB) return usageError("encode", "--mode and --dtx apply to --codec amrwb only");
   if (files.size() != 2) return usageError("encode", "expected INPUT.wav and OUTPUT");
-  if (!canEncode(code))
-    return usageError("encode", codecName(code) + " cannot be encoded by this build; it encodes " + encodableCodecs());
-
   std::string error;
+  if (!checkEncodable(code, error)) return usageError("encode", error);
   if (inputIsFolder(files[0], error)) return usageError("encode", error);
   WavReader wav;
   if (!wav.open(files[0], error)) return fail(error);

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <vector>
 
-#include "codec/codec_registry.h"
+#include "quillon/codec.h"
 #include "pipeline.h"
 
 namespace quillon::tool {
@@ -119,8 +119,17 @@ std::string namesOf(bool decode) {
 
 bool canDecode(CompressionType code) { return cachedAnswer(code, true); }
 bool canEncode(CompressionType code) { return cachedAnswer(code, false); }
-std::string decodableCodecs() { return namesOf(true); }
-std::string encodableCodecs() { return namesOf(false); }
+bool checkDecodable(CompressionType code, std::string& error) {
+  if (canDecode(code)) return true;
+  error = codecName(code) + " cannot be decoded by this build; it decodes " + namesOf(true);
+  return false;
+}
+
+bool checkEncodable(CompressionType code, std::string& error) {
+  if (canEncode(code)) return true;
+  error = codecName(code) + " cannot be encoded by this build; it encodes " + namesOf(false);
+  return false;
+}
 
 bool checkOutputRate(CompressionType code, uint32_t rate, std::string& error) {
   const uint32_t native = AudioFormat(code, 1).getSamplesPerSecond();

@@ -27,9 +27,10 @@ bool parseCodec(const std::string& text, TAV::CompressionType& code);
 // write nothing, so each direction is tried once on a short stream.
 bool canDecode(TAV::CompressionType code);
 bool canEncode(TAV::CompressionType code);
-// The names of the codes this build decodes or encodes, comma separated.
-std::string decodableCodecs();
-std::string encodableCodecs();
+// canDecode/canEncode, with `error` naming the codes this build does serve
+// in that direction when the answer is no.
+bool checkDecodable(TAV::CompressionType code, std::string& error);
+bool checkEncodable(TAV::CompressionType code, std::string& error);
 
 // Whether decoding `code` can give PCM at `rate` Hz (0: the codec's own
 // rate; else 8000 or the codec's own rate); false with `error` if not.

@@ -32,8 +32,7 @@ bool convertFile(const std::string& input, SafeOutput& output, const ConvertOpti
     result.code = probe.code;
   }
 
-  if (!canDecode(result.code)) {
-    error = codecName(result.code) + " cannot be decoded by this build; it decodes " + decodableCodecs();
+  if (!checkDecodable(result.code, error)) {
     result.badArguments = options.haveCodec;
     return false;
   }
