@@ -47,6 +47,14 @@ void walk(const fs::path& inDir, const fs::path& relative, const FileIdentity* s
   }
 }
 
+// The reason without the input's path, which the report shows once already.
+std::string withoutPath(std::string reason, const std::string& path) {
+  for (const std::string& prefix : {path + ": ", path + " "})
+    if (reason.compare(0, prefix.size(), prefix) == 0) reason.erase(0, prefix.size());
+  for (size_t at; (at = reason.find(" " + path)) != std::string::npos;) reason.erase(at, path.size() + 1);
+  return reason;
+}
+
 }  // namespace
 
 std::vector<BatchEntry> listBatchInputs(const fs::path& inDir, const FileIdentity* skip) {
@@ -150,6 +158,57 @@ bool checkBatchFolders(const fs::path& inDir, const fs::path& outDir, bool& outI
     if (p == p.parent_path()) break;
   }
   return true;
+}
+
+const char* batchStateName(BatchState state) {
+  switch (state) {
+    case BatchState::Converted: return "converted";
+    case BatchState::Skipped: return "skipped";
+    case BatchState::Failed: return "failed";
+    case BatchState::Interrupted: return "interrupted";
+    case BatchState::NotStarted: break;
+  }
+  return "not started";
+}
+
+BatchOutcome convertBatchEntry(const BatchEntry& entry, const fs::path& inDir, const fs::path& outDir,
+                               const ConvertOptions& options, bool force) {
+  BatchOutcome o;
+  o.state = BatchState::Failed;
+  if (!entry.problem.empty()) {
+    o.reason = entry.problem;
+    return o;
+  }
+  const fs::path input = inDir / entry.input, output = outDir / entry.output;
+  const ExistingOutput existing = existingOutput(output);
+  if (existing == ExistingOutput::File && !force) {
+    o.state = BatchState::Skipped;
+    return o;
+  }
+  if (existing == ExistingOutput::Link && !force) {
+    o.reason = "the output is a symbolic link; it is not followed (--force replaces the link)";
+    return o;
+  }
+  std::string error;
+  if (!makeOutputFolders(outDir, entry.output, error)) {
+    o.reason = error;
+    return o;
+  }
+  try {
+    SafeOutput out;
+    ConvertResult result;
+    if (out.open(output.string(), force, {input.string()}, error) == SafeOutput::Status::Ok &&
+        convertFile(input.string(), out, options, result, error) && out.commit(error)) {
+      o.state = BatchState::Converted;
+      o.audioSeconds = result.rate ? static_cast<double>(result.samples) / result.rate : 0;
+      return o;
+    }
+  } catch (const std::exception& e) {
+    error = e.what();
+  }
+  if (interruptSignal()) o.state = BatchState::Interrupted;
+  o.reason = withoutPath(error, input.string());
+  return o;
 }
 
 }  // namespace quillon::tool

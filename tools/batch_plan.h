@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "convert.h"
 #include "output_file.h"
 
 namespace quillon::tool {
@@ -55,6 +56,23 @@ bool makeOutputFolders(const std::filesystem::path& outDir, const std::filesyste
 // then left out of the inputs). `outDir` need not exist yet.
 bool checkBatchFolders(const std::filesystem::path& inDir, const std::filesystem::path& outDir, bool& outInside,
                        std::string& error);
+
+enum class BatchState { NotStarted, Converted, Skipped, Failed, Interrupted };
+const char* batchStateName(BatchState state);
+
+struct BatchOutcome {
+  BatchState state = BatchState::NotStarted;
+  std::string reason;  // why it failed, without the input's path
+  double audioSeconds = 0;
+};
+
+// Converts one entry to outDir/entry.output. An existing output is skipped
+// unless `force`; an output that is a link fails unless `force`, which
+// replaces the link (never what it points to). The output is written under
+// a temporary name and renamed when complete. An exception (a fatal library
+// error) fails this entry only. Interrupted when a signal arrives meanwhile.
+BatchOutcome convertBatchEntry(const BatchEntry& entry, const std::filesystem::path& inDir,
+                               const std::filesystem::path& outDir, const ConvertOptions& options, bool force);
 
 }  // namespace quillon::tool
 

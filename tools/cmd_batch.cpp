@@ -23,81 +23,9 @@ using namespace quillon::tool;
 
 namespace {
 
-enum class State { NotStarted, Converted, Skipped, Failed, Interrupted };
-
-struct Outcome {
-  State state = State::NotStarted;
-  std::string reason;
-  double audioSeconds = 0;
-};
-
 int usage(const std::string& message) {
   std::fprintf(stderr, "quillon batch: %s\n(see 'quillon help')\n", message.c_str());
   return 2;
-}
-
-// The reason without the input's path, which the report shows once already.
-std::string withoutPath(std::string reason, const std::string& path) {
-  for (const std::string& prefix : {path + ": ", path + " "})
-    if (reason.compare(0, prefix.size(), prefix) == 0) reason.erase(0, prefix.size());
-  for (size_t at; (at = reason.find(" " + path)) != std::string::npos;) reason.erase(at, path.size() + 1);
-  return reason;
-}
-
-// Converts one entry; the output goes under a temporary name and is renamed
-// when complete, so a failure leaves nothing behind and an existing output
-// stays as it was.
-Outcome convertEntry(const BatchEntry& entry, const fs::path& inDir, const fs::path& outDir,
-                     const ConvertOptions& options, bool force) {
-  Outcome o;
-  if (!entry.problem.empty()) {
-    o.state = State::Failed;
-    o.reason = entry.problem;
-    return o;
-  }
-  const fs::path input = inDir / entry.input, output = outDir / entry.output;
-  const ExistingOutput existing = existingOutput(output);
-  if (existing == ExistingOutput::File && !force) {
-    o.state = State::Skipped;
-    return o;
-  }
-  if (existing == ExistingOutput::Link && !force) {
-    o.state = State::Failed;
-    o.reason = "the output is a symbolic link; it is not followed (--force replaces the link)";
-    return o;
-  }
-  std::string error;
-  if (!makeOutputFolders(outDir, entry.output, error)) {
-    o.state = State::Failed;
-    o.reason = error;
-    return o;
-  }
-  // An exception (a fatal library error, memory) fails this file only.
-  try {
-    SafeOutput out;
-    ConvertResult result;
-    if (out.open(output.string(), force, {input.string()}, error) == SafeOutput::Status::Ok &&
-        convertFile(input.string(), out, options, result, error) && out.commit(error)) {
-      o.state = State::Converted;
-      o.audioSeconds = result.rate ? static_cast<double>(result.samples) / result.rate : 0;
-      return o;
-    }
-  } catch (const std::exception& e) {
-    error = e.what();
-  }
-  o.state = interruptSignal() ? State::Interrupted : State::Failed;
-  o.reason = withoutPath(error, input.string());
-  return o;
-}
-
-const char* stateName(State s) {
-  switch (s) {
-    case State::Converted: return "converted";
-    case State::Skipped: return "skipped";
-    case State::Failed: return "failed";
-    case State::Interrupted: return "interrupted";
-    default: return "not started";
-  }
 }
 
 }  // namespace
@@ -158,7 +86,7 @@ int runBatchCommand(int argc, char** argv) {
   std::vector<BatchEntry> work = listBatchInputs(inDir, outInside ? &outId : nullptr);
   nameBatchOutputs(work);
 
-  std::vector<Outcome> outcomes(work.size());
+  std::vector<BatchOutcome> outcomes(work.size());
   std::atomic<size_t> next{0}, finished{0};
   std::atomic<uint64_t> audioMillis{0};
   std::mutex progressLock;
@@ -177,7 +105,7 @@ int runBatchCommand(int argc, char** argv) {
   // One decoder per worker: each file's pipeline lives on its worker's stack.
   auto worker = [&]() {
     for (size_t i = next++; i < work.size() && !interruptSignal(); i = next++) {
-      outcomes[i] = convertEntry(work[i], inDir, outDir, options, force);
+      outcomes[i] = convertBatchEntry(work[i], inDir, outDir, options, force);
       audioMillis += static_cast<uint64_t>(outcomes[i].audioSeconds * 1000);
       finished++;
       showProgress(false);
@@ -196,26 +124,26 @@ int runBatchCommand(int argc, char** argv) {
   if (summary.open(summaryPath.string(), true, {}, error) != SafeOutput::Status::Ok)
     std::fprintf(stderr, "quillon batch: %s\n", error.c_str());
   for (size_t i = 0; i < work.size(); i++) {
-    const Outcome& o = outcomes[i];
+    const BatchOutcome& o = outcomes[i];
     count[static_cast<int>(o.state)]++;
-    if (o.state == State::NotStarted) continue;
+    if (o.state == BatchState::NotStarted) continue;
     std::string note = o.reason;
-    if (work[i].wholeName && o.state == State::Converted) {
+    if (work[i].wholeName && o.state == BatchState::Converted) {
       wholeNames++;
       note = "named after the whole file name: " + outputNameFor(work[i].input).string() +
              " would be the output of more than one file";
     }
     if (summary.stream())
-      std::fprintf(summary.stream(), "%s\t%s\t%s\t%s\n", stateName(o.state), (inDir / work[i].input).string().c_str(),
+      std::fprintf(summary.stream(), "%s\t%s\t%s\t%s\n", batchStateName(o.state), (inDir / work[i].input).string().c_str(),
                    work[i].problem.empty() ? (outDir / work[i].output).string().c_str() : "", note.c_str());
-    if (o.state == State::Failed)
+    if (o.state == BatchState::Failed)
       std::fprintf(stderr, "failed: %s: %s\n", (inDir / work[i].input).string().c_str(), o.reason.c_str());
   }
   const bool summaryWritten = summary.stream() && summary.commit(error);
   if (!summaryWritten) std::fprintf(stderr, "quillon batch: summary not written: %s\n", error.c_str());
   const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  const size_t converted = count[static_cast<int>(State::Converted)], skipped = count[static_cast<int>(State::Skipped)],
-               failed = count[static_cast<int>(State::Failed)];
+  const size_t converted = count[static_cast<int>(BatchState::Converted)], skipped = count[static_cast<int>(BatchState::Skipped)],
+               failed = count[static_cast<int>(BatchState::Failed)];
   std::printf("%zu converted, %zu skipped (already converted), %zu failed; %.2f h of audio in %.1f s\n", converted,
               skipped, failed, audioMillis.load() / 3.6e6, elapsed);
   if (wholeNames)
@@ -223,7 +151,7 @@ int runBatchCommand(int argc, char** argv) {
                 wholeNames);
   if (summaryWritten) std::printf("summary: %s\n", summaryPath.string().c_str());
   if (const int signal = interruptSignal()) {
-    const size_t left = count[static_cast<int>(State::NotStarted)] + count[static_cast<int>(State::Interrupted)];
+    const size_t left = count[static_cast<int>(BatchState::NotStarted)] + count[static_cast<int>(BatchState::Interrupted)];
     std::printf("interrupted by %s: %zu files not converted\n", signal == SIGINT ? "SIGINT" : "SIGTERM", left);
     std::fflush(stdout);
     return 128 + signal;
