@@ -72,7 +72,7 @@ int runDecodeCommand(int argc, char** argv) {
     return status == 2 ? usageError("decode", error) : fail(error);
   ConvertResult result;
   if (!convertFile(files[0], output, options, result, error))
-    return result.badArguments ? usageError("decode", error) : fail(error);
+    return result.usage ? usageError("decode", error) : fail(error);
   if (!output.commit(error)) return fail(error);
   if (!options.haveCodec)
     std::fprintf(stderr, "quillon: %s: %s, %s\n", files[0].c_str(), result.probe.container.c_str(),

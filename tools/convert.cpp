@@ -33,11 +33,11 @@ bool convertFile(const std::string& input, SafeOutput& output, const ConvertOpti
   }
 
   if (!checkDecodable(result.code, error)) {
-    result.badArguments = options.haveCodec;
+    result.usage = options.haveCodec;
     return false;
   }
   if (!checkOutputRate(result.code, options.rate, error)) {
-    result.badArguments = true;
+    result.usage = true;
     return false;
   }
   DecodeOptions decode;
@@ -117,7 +117,7 @@ bool convertFile(const std::string& input, const std::string& output, const Conv
   SafeOutput out;
   const SafeOutput::Status status = out.open(output, true, {input}, error);
   if (status != SafeOutput::Status::Ok) {
-    result.badArguments = status == SafeOutput::Status::Refused;
+    result.usage = status == SafeOutput::Status::Refused;
     return false;
   }
   return convertFile(input, out, options, result, error) && out.commit(error);

@@ -26,18 +26,18 @@ struct ConvertResult {
   uint64_t samples = 0;
   uint32_t rate = 0;
   size_t leftoverBytes = 0;
-  bool badArguments = false;
+  bool usage = false;
 };
 
 // Decodes `input` into `output`, which the caller opened and commits when
-// this succeeds. On failure `error` says why; `result.badArguments` tells
+// this succeeds. On failure `error` says why; `result.usage` tells
 // an option that does not fit the stream (such as --rate) from bad input.
 // Stops with an error when an interrupt signal was received.
 bool convertFile(const std::string& input, SafeOutput& output, const ConvertOptions& options,
                  ConvertResult& result, std::string& error);
 // The same into the file `output` ("-": standard output), written under a
 // temporary name and renamed over `output` only when complete. An output
-// that is the input is refused (`result.badArguments`).
+// that is the input is refused (`result.usage`).
 bool convertFile(const std::string& input, const std::string& output, const ConvertOptions& options,
                  ConvertResult& result, std::string& error);
 
