@@ -152,7 +152,7 @@ int runEncodeCommand(int argc, char** argv) {
   if (const int status = SafeOutput::exitStatus(target.open(files[1], true, {files[0]}, error)))
     return status == 2 ? usageError("encode", error) : fail(error);
   OutputFile output;
-  if (!output.open(target.stream(), target.name(), outFormat, outFormat.getSamplesPerSecond(), header, error))
+  if (!output.open(target.stream(), outFormat, outFormat.getSamplesPerSecond(), header, error))
     return fail(error);
 
   std::vector<uint8_t> chunk(kReadChunk);

@@ -57,7 +57,7 @@ bool convertFile(const std::string& input, SafeOutput& output, const ConvertOpti
   }
   result.rate = pipeline.outputRate();
   OutputFile out;
-  if (!out.open(output.stream(), output.name(), AudioFormat(result.rate == 16000 ? CT_PCM16_16K : CT_PCM16, 1), result.rate,
+  if (!out.open(output.stream(), AudioFormat(result.rate == 16000 ? CT_PCM16_16K : CT_PCM16, 1), result.rate,
                 options.raw ? OutputFile::Header::None : OutputFile::Header::Plain, error))
     return false;
   std::vector<int16_t> pcm;

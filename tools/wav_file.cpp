@@ -81,25 +81,26 @@ OutputFile::~OutputFile() {
 
 bool OutputFile::open(const std::string& path, const TAV::AudioFormat& format, uint32_t sampleRate, Header header,
                       std::string& error) {
-  FILE* file = std::fopen(path.c_str(), "wb");
-  if (!file) {
+  m_file = std::fopen(path.c_str(), "wb");
+  if (!m_file) {
     error = "cannot create " + path + ": " + std::strerror(errno);
     return false;
   }
-  const bool ok = open(file, path, format, sampleRate, header, error);
   m_ownsFile = true;
-  return ok;
+  if (open(m_file, format, sampleRate, header, error)) return true;
+  error = "cannot write " + path + ": " + std::strerror(errno);
+  return false;
 }
 
-bool OutputFile::open(FILE* stream, const std::string& name, const TAV::AudioFormat& format, uint32_t sampleRate,
-                      Header header, std::string& error) {
+bool OutputFile::open(FILE* stream, const TAV::AudioFormat& format, uint32_t sampleRate, Header header,
+                      std::string& error) {
+  if (m_file != stream) m_ownsFile = false;
   m_format = format;
   m_rate = sampleRate;
   m_header = header;
   m_file = stream;
-  m_ownsFile = false;
   if (!writeHeader()) {
-    error = "cannot write " + name + ": " + std::strerror(errno);
+    error = std::string("cannot write the WAVE header: ") + std::strerror(errno);
     return false;
   }
   return true;

@@ -39,9 +39,8 @@ class OutputFile {
   ~OutputFile();
   bool open(const std::string& path, const TAV::AudioFormat& format, uint32_t sampleRate, Header header,
             std::string& error);
-  // Writes to a stream the caller opened and closes; finish() flushes it.
-  bool open(FILE* stream, const std::string& name, const TAV::AudioFormat& format, uint32_t sampleRate,
-            Header header, std::string& error);
+  // Writes to a stream already open; it is not closed, finish() flushes it.
+  bool open(FILE* stream, const TAV::AudioFormat& format, uint32_t sampleRate, Header header, std::string& error);
   bool write(const void* data, size_t bytes);
   // Rewrites the header with the final length and closes the file.
   bool finish(std::string& error);
