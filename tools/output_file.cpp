@@ -131,19 +131,25 @@ SafeOutput::Status SafeOutput::open(const std::string& path, bool replace, const
   }
   // A name no other process or job uses; O_EXCL never opens an existing
   // file or follows a link planted under that name.
+  // The name is registered before the file exists, so that a signal
+  // arriving at any moment finds it.
   for (int attempt = 0;; attempt++) {
     m_temp = path + "." + std::to_string(::getpid()) + "-" + std::to_string(g_counter++) + ".part";
+    m_slot = registerTemporary(m_temp);
     const int fd = ::open(m_temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (fd >= 0) {
-      m_slot = registerTemporary(m_temp);
       m_stream = ::fdopen(fd, "wb");
       if (m_stream) return Status::Ok;
+      error = "cannot create " + m_temp + ": " + std::strerror(errno);
       ::close(fd);
-    } else if (errno == EEXIST && attempt < 100) {
-      continue;
+      abandon();
+      return Status::Failed;
     }
-    error = "cannot create " + m_temp + ": " + std::strerror(errno);
-    abandon();
+    const int openError = errno;
+    unregisterTemporary(m_slot);  // the existing file is not ours to remove
+    if (openError == EEXIST && attempt < 100) continue;
+    error = "cannot create " + m_temp + ": " + std::strerror(openError);
+    m_temp.clear();
     return Status::Failed;
   }
 }
