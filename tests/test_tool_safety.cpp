@@ -33,8 +33,10 @@ class ToolSafety : public ::testing::Test {
   }
   void TearDown() override { fs::remove_all(dir); }
 
+  // Run in the test's folder, so that whatever the tool writes by a relative
+  // name is checked and removed with it.
   std::string shellCommand(const std::string& args) const {
-    return std::string("exec ") + QUILLON_TOOL_PATH + " " + args + " >" + (dir / "stdout.txt").string() + " 2>" +
+    return "cd " + dir.string() + " && exec " + QUILLON_TOOL_PATH + " " + args + " >" + (dir / "stdout.txt").string() + " 2>" +
            (dir / "stderr.txt").string();
   }
   // Runs the tool; returns its exit status (stdout and stderr in `out` and `err`).
