@@ -195,10 +195,10 @@ BatchOutcome convertBatchEntry(const BatchEntry& entry, const fs::path& inDir, c
     return o;
   }
   try {
-    SafeOutput out;
+    ConvertOptions fileOptions = options;
+    fileOptions.replace = force;
     ConvertResult result;
-    if (out.open(output.string(), force, {input.string()}, error) == SafeOutput::Status::Ok &&
-        convertFile(input.string(), out, options, result, error) && out.commit(error)) {
+    if (convertFile(input.string(), output.string(), fileOptions, result, error)) {
       o.state = BatchState::Converted;
       o.audioSeconds = result.rate ? static_cast<double>(result.samples) / result.rate : 0;
       return o;

@@ -67,13 +67,9 @@ int runDecodeCommand(int argc, char** argv) {
   }
   if (inputIsFolder(files[0], error)) return usageError("decode", error);
   installInterruptHandlers(false);
-  SafeOutput output;
-  if (const int status = SafeOutput::exitStatus(output.open(files[1], true, {files[0]}, error)))
-    return status == 2 ? usageError("decode", error) : fail(error);
   ConvertResult result;
-  if (!convertFile(files[0], output, options, result, error))
+  if (!convertFile(files[0], files[1], options, result, error))
     return result.usage ? usageError("decode", error) : fail(error);
-  if (!output.commit(error)) return fail(error);
   if (!options.haveCodec)
     std::fprintf(stderr, "quillon: %s: %s, %s\n", files[0].c_str(), result.probe.container.c_str(),
                  codecName(result.code).c_str());

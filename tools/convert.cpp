@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "codec_names.h"
+#include "output_file.h"
 #include "wav_file.h"
 
 namespace quillon::tool {
@@ -15,9 +16,17 @@ namespace {
 constexpr size_t kReadChunk = 64 * 1024;
 }
 
-bool convertFile(const std::string& input, SafeOutput& output, const ConvertOptions& options,
+bool convertFile(const std::string& input, const std::string& outputPath, const ConvertOptions& options,
                  ConvertResult& result, std::string& error) {
   result = ConvertResult();
+  // Refused before anything is read: an output that is the input, a folder,
+  // or one that exists when it may not be replaced.
+  SafeOutput output;
+  const SafeOutput::Status status = output.open(outputPath, options.replace, {input}, error);
+  if (status != SafeOutput::Status::Ok) {
+    result.usage = status == SafeOutput::Status::Refused;
+    return false;
+  }
   if (!probeFile(input, result.probe, error)) return false;
   const ProbeResult& probe = result.probe;
   if (options.haveCodec) {
@@ -108,19 +117,7 @@ bool convertFile(const std::string& input, SafeOutput& output, const ConvertOpti
     error = input + " holds no whole frame of " + codecName(result.code);
     return false;
   }
-  return true;
-}
-
-bool convertFile(const std::string& input, const std::string& output, const ConvertOptions& options,
-                 ConvertResult& result, std::string& error) {
-  result = ConvertResult();
-  SafeOutput out;
-  const SafeOutput::Status status = out.open(output, true, {input}, error);
-  if (status != SafeOutput::Status::Ok) {
-    result.usage = status == SafeOutput::Status::Refused;
-    return false;
-  }
-  return convertFile(input, out, options, result, error) && out.commit(error);
+  return output.commit(error);
 }
 
 }  // namespace quillon::tool

@@ -7,7 +7,6 @@
 #include <string>
 
 #include "containers.h"
-#include "output_file.h"
 #include "pipeline.h"
 
 namespace quillon::tool {
@@ -18,6 +17,7 @@ struct ConvertOptions {
   uint32_t rate = 0;
   bool raw = false;
   bool useApi = false;
+  bool replace = true;  // an existing output may be replaced
 };
 
 struct ConvertResult {
@@ -29,15 +29,13 @@ struct ConvertResult {
   bool usage = false;
 };
 
-// Decodes `input` into `output`, which the caller opened and commits when
-// this succeeds. On failure `error` says why; `result.usage` tells
-// an option that does not fit the stream (such as --rate) from bad input.
-// Stops with an error when an interrupt signal was received.
-bool convertFile(const std::string& input, SafeOutput& output, const ConvertOptions& options,
-                 ConvertResult& result, std::string& error);
-// The same into the file `output` ("-": standard output), written under a
-// temporary name and renamed over `output` only when complete. An output
-// that is the input is refused (`result.usage`).
+// Decodes `input` into `output` ("-": standard output). The output is
+// written under a temporary name and renamed over `output` only when the
+// whole input decoded, so a failure leaves nothing and an existing output
+// stays as it was. On failure `error` says why, and `result.usage` marks a
+// failure in the arguments (an output that is the input, a --rate the codec
+// cannot give) rather than the input. Stops with an error when an interrupt
+// signal was received (see installInterruptHandlers).
 bool convertFile(const std::string& input, const std::string& output, const ConvertOptions& options,
                  ConvertResult& result, std::string& error);
 
