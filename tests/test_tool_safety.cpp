@@ -3,6 +3,7 @@
 // names, nested folders and interrupted runs.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -164,10 +165,10 @@ TEST_F(ToolSafety, FailedConversionsLeaveExistingOutputsAlone) {
   const std::string d = dir.string() + "/";
   writeBytes(dir / "short.bin", "abcdefg");
   writeBytes(dir / "out.wav", "an earlier output");
-  EXPECT_EQ(run("decode --codec alaw " + d + "short.bin " + d + "out.wav"), 1);
-  EXPECT_EQ(run("decode --codec g729 " + d + "short.bin " + d + "out.wav"), 1);
+  EXPECT_EQ(run("decode " + d + "short.bin " + d + "out.wav"), 1) << "not a known container";
+  EXPECT_EQ(run("decode --codec g729 " + d + "short.bin " + d + "out.wav"), 1) << "not a whole frame";
   EXPECT_EQ(text(dir / "out.wav"), "an earlier output");
-  EXPECT_EQ(run("decode --codec alaw " + d + "short.bin " + d + "new.wav"), 1);
+  EXPECT_EQ(run("decode --codec g729 " + d + "short.bin " + d + "new.wav"), 1);
   EXPECT_FALSE(fs::exists(dir / "new.wav"));
 
   // A byte that is not UTF-8 stops the conversion: the file is not written.
@@ -231,6 +232,39 @@ TEST_F(ToolSafety, DashWritesStandardOutput) {
   ASSERT_EQ(run("encode --codec ulaw " + d + "pcm.wav " + d + "file.ulaw"), 0) << err;
   ASSERT_EQ(run("encode --codec ulaw " + d + "pcm.wav -"), 0) << err;
   EXPECT_EQ(out, text(dir / "file.ulaw"));
+}
+
+// An OUTPUT named by the user that is a link is written where it points; a
+// FIFO or device is written as it is, never replaced by a file.
+TEST_F(ToolSafety, WritesThroughLinksAndIntoFifos) {
+  const std::string d = dir.string() + "/";
+  writeAlawWave(dir / "call.wav", 800);
+  fs::create_directories(dir / "store");
+  fs::create_symlink(dir / "store" / "kept.wav", dir / "link.wav");  // to a file yet to be made
+  EXPECT_EQ(run("decode " + d + "call.wav " + d + "link.wav"), 2) << "a link to nothing is refused";
+  writeBytes(dir / "store" / "kept.wav", "an earlier output");
+  ASSERT_EQ(run("decode " + d + "call.wav " + d + "link.wav"), 0) << err;
+  EXPECT_TRUE(fs::is_symlink(dir / "link.wav"));
+  EXPECT_EQ(fs::file_size(dir / "store" / "kept.wav"), 44u + 1600u);
+  EXPECT_TRUE(partFiles(dir).empty());
+
+  ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+  const std::string reader = "timeout 60 cat " + d + "fifo > " + d + "got.pcm & ";
+  ASSERT_EQ(std::system((reader + std::string(QUILLON_TOOL_PATH) + " decode --raw " + d + "call.wav " + d +
+                         "fifo; status=$?; wait; exit $status")
+                            .c_str()),
+            0);
+  EXPECT_TRUE(fs::is_fifo(dir / "fifo"));
+  EXPECT_EQ(fs::file_size(dir / "got.pcm"), 1600u);
+
+  // Inside a batch's output folder a FIFO is not an output.
+  fs::create_directories(dir / "in");
+  fs::create_directories(dir / "out");
+  writeAlawWave(dir / "in" / "a.wav", 800);
+  ASSERT_EQ(::mkfifo((dir / "out" / "a.wav").c_str(), 0600), 0);
+  EXPECT_EQ(run("batch --codec auto --force " + d + "in " + d + "out"), 1);
+  EXPECT_NE(err.find("not a regular file"), std::string::npos) << err;
+  EXPECT_TRUE(fs::is_fifo(dir / "out" / "a.wav"));
 }
 
 TEST_F(ToolSafety, BatchKeepsOutputsInsideTheOutputFolder) {
@@ -380,8 +414,8 @@ TEST(SafeOutput, EachOutputHasItsOwnTemporaryFile) {
   const fs::path target = fs::temp_directory_path() / ("quillon-safe-" + std::to_string(::getpid()) + ".wav");
   std::string error;
   SafeOutput a, b;
-  ASSERT_EQ(a.open(target.string(), true, {}, error), SafeOutput::Status::Ok) << error;
-  ASSERT_EQ(b.open(target.string(), true, {}, error), SafeOutput::Status::Ok) << error;
+  ASSERT_EQ(a.open(target.string(), {}, {}, error), SafeOutput::Status::Ok) << error;
+  ASSERT_EQ(b.open(target.string(), {}, {}, error), SafeOutput::Status::Ok) << error;
   EXPECT_NE(a.temporaryPath(), b.temporaryPath());
   std::fputs("first", a.stream());
   std::fputs("second", b.stream());
@@ -393,9 +427,9 @@ TEST(SafeOutput, EachOutputHasItsOwnTemporaryFile) {
   EXPECT_EQ(readFile(target), (std::vector<uint8_t>{'f', 'i', 'r', 's', 't'}));
   // Without permission to replace, an existing target is refused, and one
   // that appears while writing is not replaced.
-  EXPECT_EQ(a.open(target.string(), false, {}, error), SafeOutput::Status::Refused);
+  EXPECT_EQ(a.open(target.string(), {false, true}, {}, error), SafeOutput::Status::Refused);
   fs::remove(target);
-  ASSERT_EQ(a.open(target.string(), false, {}, error), SafeOutput::Status::Ok) << error;
+  ASSERT_EQ(a.open(target.string(), {false, true}, {}, error), SafeOutput::Status::Ok) << error;
   std::ofstream(target) << "meanwhile";
   EXPECT_FALSE(a.commit(error));
   EXPECT_EQ(readFile(target).size(), 9u);

@@ -197,6 +197,7 @@ BatchOutcome convertBatchEntry(const BatchEntry& entry, const fs::path& inDir, c
   try {
     ConvertOptions fileOptions = options;
     fileOptions.replace = force;
+    fileOptions.followLinks = false;
     ConvertResult result;
     if (convertFile(input.string(), output.string(), fileOptions, result, error)) {
       o.state = BatchState::Converted;

@@ -121,7 +121,7 @@ int runBatchCommand(int argc, char** argv) {
   size_t wholeNames = 0;
   const fs::path summaryPath = outDir / "quillon-batch-summary.txt";
   SafeOutput summary;
-  if (summary.open(summaryPath.string(), true, {}, error) != SafeOutput::Status::Ok)
+  if (summary.open(summaryPath.string(), {true, false}, {}, error) != SafeOutput::Status::Ok)
     std::fprintf(stderr, "quillon batch: %s\n", error.c_str());
   for (size_t i = 0; i < work.size(); i++) {
     const BatchOutcome& o = outcomes[i];

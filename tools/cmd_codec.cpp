@@ -145,7 +145,7 @@ int runEncodeCommand(int argc, char** argv) {
   if (hasWaveDescription(code)) header = code == CT_MSADPCM ? OutputFile::Header::MsAdpcm : OutputFile::Header::Plain;
   installInterruptHandlers(false);
   SafeOutput target;
-  if (const int status = SafeOutput::exitStatus(target.open(files[1], true, {files[0]}, error)))
+  if (const int status = SafeOutput::exitStatus(target.open(files[1], OutputRules(), {files[0]}, error)))
     return status == 2 ? usageError("encode", error) : fail(error);
   OutputFile output;
   if (!output.open(target.stream(), outFormat, outFormat.getSamplesPerSecond(), header, error))

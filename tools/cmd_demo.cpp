@@ -65,7 +65,7 @@ bool writeOutput(const std::filesystem::path& path, const AudioFormat& format, u
   SafeOutput target;
   OutputFile f;
   std::string error;
-  return target.open(path.string(), true, {}, error) == SafeOutput::Status::Ok &&
+  return target.open(path.string(), OutputRules(), {}, error) == SafeOutput::Status::Ok &&
          f.open(target.stream(), format, rate, header, error) && f.write(data, bytes) &&
          f.finish(error) && target.commit(error);
 }

@@ -43,13 +43,13 @@ bool readAll(const std::string& path, std::vector<TAV::uint8>& data, std::string
 }
 
 // Writes `data` to the output that `out` opened and keeps it only if
-// `complete`; standard output gets whatever there is.
+// `complete`; standard output (or a device) gets whatever there is.
 bool writeAll(SafeOutput& out, const std::vector<TAV::uint8>& data, bool complete, std::string& error) {
   if (std::fwrite(data.data(), 1, data.size(), out.stream()) != data.size()) {
     error = "cannot write " + out.name();
     return false;
   }
-  if (!complete && !out.isStandardOutput()) return true;
+  if (!complete && !out.writesDirectly()) return true;
   return out.commit(error);
 }
 
@@ -72,7 +72,7 @@ int runTextCommand(int argc, char** argv) {
   installInterruptHandlers(false);
   SafeOutput out;
   if (const int status =
-          SafeOutput::exitStatus(out.open(options.outPath.empty() ? "-" : options.outPath, true, {inPath}, error))) {
+          SafeOutput::exitStatus(out.open(options.outPath.empty() ? "-" : options.outPath, OutputRules(), {inPath}, error))) {
     std::fprintf(stderr, "quillon text: %s\n", error.c_str());
     return status;
   }

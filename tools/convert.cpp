@@ -22,7 +22,7 @@ bool convertFile(const std::string& input, const std::string& outputPath, const 
   // Refused before anything is read: an output that is the input, a folder,
   // or one that exists when it may not be replaced.
   SafeOutput output;
-  const SafeOutput::Status status = output.open(outputPath, options.replace, {input}, error);
+  const SafeOutput::Status status = output.open(outputPath, {options.replace, options.followLinks}, {input}, error);
   if (status != SafeOutput::Status::Ok) {
     result.usage = status == SafeOutput::Status::Refused;
     return false;

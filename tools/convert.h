@@ -17,7 +17,8 @@ struct ConvertOptions {
   uint32_t rate = 0;
   bool raw = false;
   bool useApi = false;
-  bool replace = true;  // an existing output may be replaced
+  bool replace = true;      // an existing output may be replaced
+  bool followLinks = true;  // see OutputRules
 };
 
 struct ConvertResult {

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 namespace quillon::tool {
@@ -82,14 +83,14 @@ bool inputIsFolder(const std::string& path, std::string& error) {
 
 SafeOutput::~SafeOutput() { abandon(); }
 
-SafeOutput::Status SafeOutput::open(const std::string& path, bool replace, const std::vector<std::string>& inputs,
-                                    std::string& error) {
+SafeOutput::Status SafeOutput::open(const std::string& path, const OutputRules& rules,
+                                    const std::vector<std::string>& inputs, std::string& error) {
   abandon();
-  m_path = path;
-  m_replace = replace;
+  m_path = m_name = path;
+  m_replace = rules.replace;
+  m_direct = m_ownsStream = false;
   std::string input;
   if (path == "-") {
-    m_stdout = true;
     m_name = "standard output";
     struct stat st;
     FileIdentity out;
@@ -102,31 +103,70 @@ SafeOutput::Status SafeOutput::open(const std::string& path, bool replace, const
         return Status::Refused;
       }
     }
+    m_direct = true;
     m_stream = stdout;
     return Status::Ok;
   }
-  m_stdout = false;
-  m_name = path;
   if (path.empty()) {
     error = "the output name is empty";
     return Status::Refused;
   }
-  struct stat st;
-  if (::lstat(path.c_str(), &st) == 0) {
-    struct stat target;
-    if (::stat(path.c_str(), &target) == 0 && S_ISDIR(target.st_mode)) {
-      error = path + " is a folder; give a file name for the output";
-      return Status::Refused;
-    }
-    FileIdentity out;
-    if (identifyFile(path, out) && sameFileAsInput(out, inputs, input)) {
-      error = input == path ? "the output " + path + " is the input file"
-                            : "the output " + path + " is the input file " + input + " (through a link)";
-      return Status::Refused;
-    }
-    if (!replace) {
-      error = path + (S_ISLNK(st.st_mode) ? " exists as a symbolic link" : " exists");
-      return Status::Refused;
+  struct stat own;
+  if (::lstat(path.c_str(), &own) == 0) {
+    const bool link = S_ISLNK(own.st_mode);
+    if (link && !rules.followLinks) {
+      // The link itself is replaced by the rename, never followed.
+      if (!rules.replace) {
+        error = path + " exists as a symbolic link";
+        return Status::Refused;
+      }
+    } else {
+      struct stat st;
+      if (::stat(path.c_str(), &st) != 0) {
+        error = path + " is a symbolic link to nothing";
+        return Status::Refused;
+      }
+      if (S_ISDIR(st.st_mode)) {
+        error = path + " is a folder; give a file name for the output";
+        return Status::Refused;
+      }
+      FileIdentity out{st.st_dev, st.st_ino};
+      if (sameFileAsInput(out, inputs, input)) {
+        error = input == path ? "the output " + path + " is the input file"
+                              : "the output " + path + " is the input file " + input + " (through a link)";
+        return Status::Refused;
+      }
+      if (!S_ISREG(st.st_mode)) {
+        // A device, FIFO or socket (/dev/null, /dev/stdout to a pipe) is
+        // written as it is: renaming over it would replace the node.
+        if (!rules.followLinks) {
+          error = path + " is not a regular file";
+          return Status::Refused;
+        }
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
+        m_stream = fd >= 0 ? ::fdopen(fd, "wb") : nullptr;
+        if (!m_stream) {
+          error = "cannot open " + path + ": " + std::strerror(errno);
+          if (fd >= 0) ::close(fd);
+          return Status::Failed;
+        }
+        m_direct = m_ownsStream = true;
+        return Status::Ok;
+      }
+      if (!rules.replace) {
+        error = path + " exists";
+        return Status::Refused;
+      }
+      if (link) {
+        // Written where the link points, which keeps the link.
+        char* real = ::realpath(path.c_str(), nullptr);
+        if (!real) {
+          error = "cannot follow the link " + path + ": " + std::strerror(errno);
+          return Status::Failed;
+        }
+        m_path = real;
+        std::free(real);
+      }
     }
   }
   // A name no other process or job uses; O_EXCL never opens an existing
@@ -134,7 +174,7 @@ SafeOutput::Status SafeOutput::open(const std::string& path, bool replace, const
   // The name is registered before the file exists, so that a signal
   // arriving at any moment finds it.
   for (int attempt = 0;; attempt++) {
-    m_temp = path + "." + std::to_string(::getpid()) + "-" + std::to_string(g_counter++) + ".part";
+    m_temp = m_path + "." + std::to_string(::getpid()) + "-" + std::to_string(g_counter++) + ".part";
     m_slot = registerTemporary(m_temp);
     const int fd = ::open(m_temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (fd >= 0) {
@@ -159,10 +199,11 @@ bool SafeOutput::commit(std::string& error) {
     error = "no output is open";
     return false;
   }
-  if (m_stdout) {
-    const bool ok = std::fflush(stdout) == 0 && !std::ferror(stdout);
+  if (m_direct) {
+    bool ok = std::fflush(m_stream) == 0 && !std::ferror(m_stream);
+    if (m_ownsStream && std::fclose(m_stream) != 0) ok = false;
     m_stream = nullptr;
-    if (!ok) error = std::string("cannot write standard output: ") + std::strerror(errno);
+    if (!ok) error = "cannot write " + m_name + ": " + std::strerror(errno);
     return ok;
   }
   bool ok = std::fflush(m_stream) == 0 && !std::ferror(m_stream) && ::fsync(::fileno(m_stream)) == 0;
@@ -196,7 +237,8 @@ bool SafeOutput::commit(std::string& error) {
 }
 
 void SafeOutput::abandon() {
-  if (m_stdout) {
+  if (m_direct) {
+    if (m_stream && m_ownsStream) std::fclose(m_stream);
     m_stream = nullptr;
     return;
   }
