@@ -65,7 +65,6 @@ int runBatchCommand(int argc, char** argv) {
   if (!haveCodecOption) return usage("--codec CODE or --codec auto is required");
   if (dirs.size() != 2) return usage("expected IN_DIR and OUT_DIR");
   std::string error;
-  if (options.haveCodec && !checkOutputRate(options.code, options.rate, error)) return usage(error);
   const fs::path inDir = dirs[0], outDir = dirs[1];
   std::error_code ec;
   if (!fs::is_directory(inDir, ec)) {
