@@ -395,6 +395,52 @@ TEST_F(ToolSafety, InterruptedDecodeRemovesItsTemporaryFile) {
   EXPECT_EQ(text(dir / "out.wav"), "an earlier output");
 }
 
+// A trace line that cannot be written is a fatal error of the library: it
+// fails the file being decoded, never the whole run, and leaves no
+// temporary file. Standard error, where --trace writes, is a full device.
+TEST_F(ToolSafety, FatalLibraryErrorsFailOneFile) {
+  const std::string d = dir.string() + "/";
+  writeG729(dir / "call.g729", 2);
+  writeBytes(dir / "out.wav", "an earlier output");
+  for (const char* api : {"", "--api "}) {
+    const int status = std::system(("cd " + d + " && " + QUILLON_TOOL_PATH + " --trace decode " + api +
+                                    "--codec g729 call.g729 out.wav 2>/dev/full")
+                                       .c_str());
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << api;
+    EXPECT_EQ(text(dir / "out.wav"), "an earlier output") << api;
+    EXPECT_TRUE(partFiles(dir).empty()) << api;
+  }
+
+  fs::create_directories(dir / "in");
+  for (int i = 0; i < 3; i++) writeG729(dir / "in" / (std::to_string(i) + ".g729"), 2);
+  const int status = std::system(("cd " + d + " && " + QUILLON_TOOL_PATH +
+                                  " --trace batch --codec g729 --jobs 2 in out >stdout.txt 2>/dev/full")
+                                     .c_str());
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1);
+  EXPECT_NE(text(dir / "stdout.txt").find("0 converted, 0 skipped (already converted), 3 failed"), std::string::npos)
+      << text(dir / "stdout.txt");
+  const std::string summary = text(dir / "out" / "quillon-batch-summary.txt");
+  EXPECT_NE(summary.find("failed\tin/0.g729\tout/0.wav\t"), std::string::npos) << summary;
+  EXPECT_NE(summary.find("codecLib_printf problem"), std::string::npos) << summary;
+  EXPECT_TRUE(partFiles(dir).empty());
+}
+
+// A closed standard stream is never taken over by an output file, which
+// would then receive the messages and trace lines meant for it.
+TEST_F(ToolSafety, ClosedStandardStreamsStayOutOfOutputs) {
+  const std::string d = dir.string() + "/";
+  writeG729(dir / "call.g729", 2);
+  ASSERT_EQ(run("decode --codec g729 call.g729 plain.wav"), 0) << err;
+  const std::string tool = std::string("cd ") + d + " && " + QUILLON_TOOL_PATH;
+  EXPECT_EQ(std::system((tool + " --trace decode --codec g729 call.g729 closed.wav 2>&- >&-").c_str()), 0);
+  EXPECT_EQ(text(dir / "closed.wav"), text(dir / "plain.wav"));
+  fs::create_directories(dir / "in");
+  writeG729(dir / "in" / "call.g729", 2);
+  EXPECT_EQ(std::system((tool + " batch --codec g729 in out >&-").c_str()), 0);
+  EXPECT_EQ(text(dir / "out" / "call.wav"), text(dir / "plain.wav"));
+  EXPECT_EQ(text(dir / "out" / "quillon-batch-summary.txt").rfind("converted\t", 0), 0u);
+}
+
 // The per-file rules, called directly.
 TEST(BatchPlan, CollisionsAreRenamedUntilNoneRemain) {
   using quillon::tool::BatchEntry;

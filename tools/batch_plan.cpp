@@ -8,6 +8,8 @@
 #include <map>
 #include <set>
 
+#include "library_errors.h"
+
 namespace quillon::tool {
 
 namespace fs = std::filesystem;
@@ -205,7 +207,7 @@ BatchOutcome convertBatchEntry(const BatchEntry& entry, const fs::path& inDir, c
       return o;
     }
   } catch (const std::exception& e) {
-    error = e.what();
+    error = describeFailure(e);
   }
   if (interruptSignal()) o.state = BatchState::Interrupted;
   o.reason = withoutPath(error, input.string());

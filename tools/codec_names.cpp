@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "quillon/codec.h"
+#include "library_errors.h"
 #include "pipeline.h"
 
 namespace quillon::tool {
@@ -96,6 +97,17 @@ bool tryEncode(CompressionType code) {
   return !coded.empty();
 }
 
+// A trial the library abandons with a fatal error (a trace line that cannot
+// be written) answers yes: the conversion itself then reports the error.
+bool tryDirection(CompressionType code, bool decode) {
+  try {
+    return decode ? tryDecode(code) : tryEncode(code);
+  } catch (const std::exception&) {
+    takeFatalError();
+    return true;
+  }
+}
+
 // Each answer is found once per process; batch workers ask concurrently.
 bool cachedAnswer(CompressionType code, bool decode) {
   static std::mutex lock;
@@ -104,7 +116,7 @@ bool cachedAnswer(CompressionType code, bool decode) {
   std::lock_guard<std::mutex> guard(lock);
   const auto key = std::make_pair(static_cast<int>(code), decode);
   auto it = answers.find(key);
-  if (it == answers.end()) it = answers.emplace(key, decode ? tryDecode(code) : tryEncode(code)).first;
+  if (it == answers.end()) it = answers.emplace(key, tryDirection(code, decode)).first;
   return it->second;
 }
 

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "codec_names.h"
+#include "library_errors.h"
 #include "output_file.h"
 #include "wav_file.h"
 
@@ -239,6 +240,7 @@ bool decodeSource(StreamSource& source, const ConvertOptions& options, ConvertRe
 bool convertFile(const std::string& input, const std::string& output, const ConvertOptions& options,
                  ConvertResult& result, std::string& error) {
   result = ConvertResult();
+  takeFatalError();
   auto in = std::make_unique<InputStream>();
   if (!in->open(input, error)) return false;
   if (!probeInput(*in, result.probe, error)) return false;
@@ -298,6 +300,12 @@ bool convertFile(const std::string& input, const std::string& output, const Conv
     return ok;
   };
   bool ok = decodeSource(*source, options, result, sink, error);
+  // The C functions report a fatal library error only as an empty result.
+  const std::string fatal = takeFatalError();
+  if (ok && !fatal.empty()) {
+    error = "the library stopped: " + fatal;
+    ok = false;
+  }
   if (!ok) {
     if (!writeError.empty()) error = writeError;
     else if (!result.usage && error.rfind(name, 0) != 0) error = name + ": " + error;

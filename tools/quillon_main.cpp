@@ -1,9 +1,14 @@
 // quillon: decode and encode telephony and radio speech streams.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 
 #include "commands.h"
+#include "library_errors.h"
 #include "quillon/trace.h"
 
 namespace {
@@ -91,12 +96,18 @@ int dispatch(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A standard stream the caller closed is opened on /dev/null: otherwise
+  // the first output file would take its number and receive the messages
+  // and trace lines meant for it.
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
+    if (::fcntl(fd, F_GETFD) == -1 && errno == EBADF && ::open("/dev/null", O_RDWR) != fd) return 1;
   // An exception (a fatal library error, memory) ends the command with exit
   // status 1; unwinding removes its temporary output file.
+  quillon::tool::installFatalErrorHandler();
   try {
     return dispatch(argc, argv);
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "quillon: %s\n", e.what());
+    std::fprintf(stderr, "quillon: %s\n", quillon::tool::describeFailure(e).c_str());
     return 1;
   }
 }
