@@ -18,6 +18,13 @@
 #include "pipeline.h"
 #include "wav_file.h"
 
+// The fatal-error hook: with it installed the library throws instead of
+// ending the interpreter.
+#if __has_include("quillon/fatal_error.h")
+#include "quillon/quillon_c.h"
+#define QUILLON_PYTHON_FATAL_HOOK 1
+#endif
+
 namespace py = pybind11;
 namespace fs = std::filesystem;
 using namespace quillon::tool;
@@ -349,11 +356,22 @@ std::tuple<std::string, std::string, double> convertBatchFile(const std::string&
   return outcome;
 }
 
+#ifdef QUILLON_PYTHON_FATAL_HOOK
+// The library throws TAV::FatalError when this returns; unlocked() makes it a quillon.Error.
+void QUILLON_STDCALL onFatalError(const char*, int, void*) {}
+#endif
+
 }  // namespace
 
 PYBIND11_MODULE(_quillon, m) {
   m.doc() = "Compiled part of quillon; use the quillon package.";
   py::register_exception<LibraryError>(m, "Error", PyExc_RuntimeError);
+#ifdef QUILLON_PYTHON_FATAL_HOOK
+  quillon_set_fatal_handler(&onFatalError, nullptr);
+  m.attr("fatal_errors_raise") = true;
+#else
+  m.attr("fatal_errors_raise") = false;
+#endif
 
   m.def("codecs", [] {
     std::vector<std::tuple<std::string, int, std::string>> list;

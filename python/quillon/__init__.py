@@ -69,9 +69,12 @@ class _SourcePath:
             f.write(data)
         return self.temporary
 
-    def __exit__(self, *exc):
+    def __exit__(self, kind, value, traceback):
         if self.temporary is not None:
             os.unlink(self.temporary)
+            # Messages name the data, not the temporary copy.
+            if isinstance(value, Error) and self.temporary in str(value):
+                raise Error(str(value).replace(self.temporary, "<data>")) from None
 
 
 def _shape(samples, dtype):

@@ -233,6 +233,8 @@ def test_bad_input_raises_and_never_crashes(tmp_path):
     for header in (b"RIFF\x10\x00\x00\x00WAVEfmt ", b"OggS\x00\x02" + bytes(30), b"#!AMR-WB\n\x04", b"\x02#!SILK_V3\x50"):
         with pytest.raises(quillon.Error):
             quillon.decode(header)
+    with pytest.raises(quillon.Error, match="^<data>: not a recognised container"):
+        quillon.decode(b"plain text, not a recording")
     with pytest.raises(quillon.Error):
         quillon.decode(b"")
     with pytest.raises(quillon.Error):
