@@ -16,14 +16,9 @@
 #include "containers.h"
 #include "convert.h"
 #include "pipeline.h"
+#include "quillon/quillon_c.h"
 #include "wav_file.h"
 
-// The fatal-error hook: with it installed the library throws instead of
-// ending the interpreter.
-#if __has_include("quillon/fatal_error.h")
-#include "quillon/quillon_c.h"
-#define QUILLON_PYTHON_FATAL_HOOK 1
-#endif
 
 namespace py = pybind11;
 namespace fs = std::filesystem;
@@ -84,16 +79,6 @@ class UseGuard {
   std::atomic<bool>& m_busy;
 };
 
-// The codec a file is decoded with: an explicit one wins, else what the
-// container says; the same rules and messages as the tool's conversion.
-TAV::CompressionType chooseFileCodec(const std::string& path, const ProbeResult& probe, const std::string& codec) {
-  if (!codec.empty()) return codecArgument(codec);
-  if (!probe.refusal.empty()) throw LibraryError(path + ": " + probe.container + ": " + probe.refusal);
-  if (probe.code == TAV::CT_NONE)
-    throw LibraryError(path + ": not a recognised container; give codec= for a raw stream");
-  return probe.code;
-}
-
 ProbeResult probeOrThrow(const std::string& path) {
   ProbeResult probe;
   std::string error;
@@ -103,63 +88,49 @@ ProbeResult probeOrThrow(const std::string& path) {
   return probe;
 }
 
+// "keep" (as the recording has them) besides the tool's --channels words.
+ChannelMode channelArgument(const std::string& text) {
+  ChannelMode mode = ChannelMode::Keep;
+  if (text != "keep" && (text == "split" || !parseChannelMode(text, mode)))
+    throw py::value_error("channels must be 'mix', 'left', 'right', 'stereo' or 'keep', not '" + text + "'");
+  return mode;
+}
+
 struct FileDecode {
-  std::vector<int16_t> pcm;
-  uint32_t rate = 0;
-  uint64_t samples = 0;
-  size_t leftoverBytes = 0;
-  std::string container;
-  std::string codec;
+  std::vector<int16_t> pcm;  // interleaved when stereo
+  ConvertResult result;
 };
 
-// Decodes a whole file; `keep` false counts the samples only.
-FileDecode decodeWholeFile(const std::string& path, const std::string& codec, uint32_t rate, bool keep) {
-  const ProbeResult probe = probeOrThrow(path);
-  DecodeOptions options;
-  options.code = chooseFileCodec(path, probe, codec);
+// Decodes a whole file as the tool does (codec choice, containers,
+// channels); `keep` false counts the samples only.
+FileDecode decodeWholeFile(const std::string& path, const std::string& codec, uint32_t rate,
+                           const std::string& channels, bool keep) {
+  ConvertOptions options;
+  if (!codec.empty()) {
+    options.code = codecArgument(codec);
+    options.haveCodec = true;
+  }
   options.rate = rate;
-  FileDecode result;
-  result.container = probe.container;
-  result.codec = codecName(options.code);
+  options.channels = channelArgument(channels);
+  FileDecode d;
   std::string error;
   bool ok = false;
   unlocked([&] {
-    DecodePipeline pipeline;
-    if (!pipeline.open(options, error)) return;
-    std::unique_ptr<StreamSource> source = openStream(path, probe, error);
+    ConvertResult& result = d.result;
+    if (!probeFile(path, result.probe, error) || !chooseCodec(path, options, result, error)) return;
+    std::unique_ptr<StreamSource> source = openStream(path, result.probe, error);
     if (!source) return;
-    result.rate = pipeline.outputRate();
-    std::vector<uint8_t> chunk(kReadChunk);
-    std::vector<int16_t> scratch;
-    std::vector<int16_t>& out = keep ? result.pcm : scratch;
-    for (size_t n; (n = source->read(chunk.data(), chunk.size())) > 0;) {
-      if (!keep) scratch.clear();
-      if (!pipeline.feed(chunk.data(), n, out, error)) {
-        error = path + ": " + error;
-        return;
-      }
-      result.samples += keep ? 0 : scratch.size();
-    }
-    if (!source->error().empty()) {
-      error = path + ": " + source->error();
-      return;
-    }
-    if (!keep) scratch.clear();
-    if (!pipeline.finish(out, error)) {
-      error = path + ": " + error;
-      return;
-    }
-    result.samples += keep ? 0 : scratch.size();
-    if (keep) result.samples = result.pcm.size();
-    if (pipeline.consumedBytes() == 0) {
-      error = path + " holds no whole frame of " + result.codec;
-      return;
-    }
-    result.leftoverBytes = pipeline.leftoverBytes();
-    ok = true;
+    const FrameSink sink = [&](const int16_t* pcm, size_t frames) {
+      if (keep) d.pcm.insert(d.pcm.end(), pcm, pcm + frames * result.channels);
+      return true;
+    };
+    ok = decodeSource(*source, options, result, sink, error);
   });
-  if (!ok) throw LibraryError(error);
-  return result;
+  if (!ok) {
+    if (d.result.usage) throw py::value_error(error);
+    throw LibraryError(error);
+  }
+  return d;
 }
 
 class PyDecoder {
@@ -259,6 +230,7 @@ py::dict probeSource(const std::string& path) {
   py::dict d;
   d["container"] = probe.container;
   d["codec"] = probe.code == TAV::CT_NONE ? py::object(py::none()) : py::object(py::str(codecName(probe.code)));
+  d["channels"] = probe.channels;
   d["detail"] = probe.detail;
   d["refusal"] = probe.refusal;
   return d;
@@ -272,8 +244,8 @@ void writeWav(const std::string& path, py::array_t<int16_t, py::array::c_style |
   const size_t bytes = static_cast<size_t>(samples.size()) * 2;
   unlocked([&] {
     OutputFile out;
-    const TAV::AudioFormat format(rate == 16000 ? TAV::CT_PCM16_16K : TAV::CT_PCM16, static_cast<int>(channels));
-    if (!out.open(path, format, rate, OutputFile::Header::Plain, error)) return;
+    const TAV::AudioFormat format(rate == 16000 ? TAV::CT_PCM16_16K : TAV::CT_PCM16, 1);
+    if (!out.open(path, format, rate, OutputFile::Header::Plain, error, static_cast<uint16_t>(channels))) return;
     const bool written = out.write(data, bytes);
     if (!out.finish(error) || !written) {
       if (written) return;
@@ -356,36 +328,32 @@ std::tuple<std::string, std::string, double> convertBatchFile(const std::string&
   return outcome;
 }
 
-#ifdef QUILLON_PYTHON_FATAL_HOOK
-// The library throws TAV::FatalError when this returns; unlocked() makes it a quillon.Error.
+// Installed at import: the library then throws TAV::FatalError when this
+// returns, instead of ending the interpreter; unlocked() makes it a quillon.Error.
 void QUILLON_STDCALL onFatalError(const char*, int, void*) {}
-#endif
 
 }  // namespace
 
 PYBIND11_MODULE(_quillon, m) {
   m.doc() = "Compiled part of quillon; use the quillon package.";
   py::register_exception<LibraryError>(m, "Error", PyExc_RuntimeError);
-#ifdef QUILLON_PYTHON_FATAL_HOOK
   quillon_set_fatal_handler(&onFatalError, nullptr);
-  m.attr("fatal_errors_raise") = true;
-#else
-  m.attr("fatal_errors_raise") = false;
-#endif
 
   m.def("codecs", [] {
     std::vector<std::tuple<std::string, int, std::string>> list;
     for (const CodecName& c : codecNames()) list.emplace_back(c.name, static_cast<int>(c.code), c.description);
     return list;
   });
-  m.def("decode_file", [](const std::string& path, const std::string& codec, uint32_t rate) {
-    FileDecode d = decodeWholeFile(path, codec, rate, true);
-    return py::make_tuple(toArray(d.pcm), d.rate, d.container, d.codec, d.leftoverBytes);
-  }, py::arg("path"), py::arg("codec"), py::arg("rate"));
-  m.def("count_file", [](const std::string& path, const std::string& codec) {
-    FileDecode d = decodeWholeFile(path, codec, 0, false);
-    return py::make_tuple(d.samples, d.rate);
-  }, py::arg("path"), py::arg("codec"));
+  m.def("decode_file", [](const std::string& path, const std::string& codec, uint32_t rate, const std::string& channels) {
+    FileDecode d = decodeWholeFile(path, codec, rate, channels, true);
+    py::array_t<int16_t> samples = toArray(d.pcm);
+    if (d.result.channels == 2) samples = samples.reshape({static_cast<py::ssize_t>(d.pcm.size() / 2), py::ssize_t{2}});
+    return py::make_tuple(samples, d.result.rate, d.result.warnings);
+  }, py::arg("path"), py::arg("codec"), py::arg("rate"), py::arg("channels"));
+  m.def("count_file", [](const std::string& path) {
+    FileDecode d = decodeWholeFile(path, "", 0, "keep", false);
+    return py::make_tuple(d.result.samples, d.result.rate, d.result.channels);
+  }, py::arg("path"));
   m.def("probe_file", &probeSource, py::arg("path"));
   m.def("write_wav", &writeWav, py::arg("path"), py::arg("samples"), py::arg("rate"), py::arg("channels"));
   m.def("batch_inputs", &batchInputs, py::arg("in_dir"), py::arg("out_dir"));

@@ -17,7 +17,7 @@ from ._quillon import Error
 
 __all__ = ["Error", "Decoder", "Encoder", "decode", "encode", "probe", "write_wav", "codecs"]
 
-_CHANNELS = ("mix", "left", "right", "keep")
+_CHANNELS = ("mix", "left", "right", "stereo", "keep")
 _DTYPES = ("int16", "float32")
 
 
@@ -92,11 +92,14 @@ def decode(source, codec=None, rate=None, channels="mix", dtype="int16"):
     recognised from the data; ``codec`` (a name from :func:`codecs`) is needed
     for a raw stream and overrides the container. ``rate`` resamples (8000 or
     the codec's own rate). ``samples`` is a numpy ``int16`` array of shape
-    ``(n,)``, or ``float32`` scaled to [-1, 1) with ``dtype="float32"``.
+    ``(n,)`` (``(n, 2)`` for two channels), or ``float32`` scaled to [-1, 1)
+    with ``dtype="float32"``.
 
-    ``channels`` ("mix", "left", "right", "keep") selects what becomes of a
-    stereo recording; the readers give mono streams, so every choice returns
-    the mono signal.
+    ``channels`` says what becomes of a stereo recording, as the tool's
+    ``--channels``: "mix" (the mean), "left", "right", "stereo" (both, refused
+    where only mono can be had) or "keep" (as the recording has them). A
+    mono recording gives its one channel whatever is asked, except that the
+    library decodes stereo Ogg Opus to mono, so only "keep" takes such a file.
 
     Raises :class:`quillon.Error` when the input cannot be decoded and
     ``ValueError`` for bad arguments.
@@ -107,7 +110,7 @@ def decode(source, codec=None, rate=None, channels="mix", dtype="int16"):
         raise ValueError("dtype must be 'int16' or 'float32'")
     name, hz = _codec_name(codec), _rate_value(rate)
     with _SourcePath(source) as path:
-        samples, out_rate, _container, _codec, _left = _quillon.decode_file(path, name, hz)
+        samples, out_rate, _warnings = _quillon.decode_file(path, name, hz, channels)
     return _shape(samples, dtype), out_rate
 
 
@@ -119,10 +122,10 @@ def probe(source):
     with _SourcePath(source) as path:
         info = _quillon.probe_file(path)
         info["decodable"] = info["codec"] is not None and not info["refusal"]
-        info["rate"] = info["channels"] = info["duration"] = None
+        info["rate"] = info["duration"] = None
         if info["decodable"]:
-            samples, rate = _quillon.count_file(path, "")
-            info.update(rate=rate, channels=1, duration=samples / rate if rate else 0.0)
+            samples, rate, _channels = _quillon.count_file(path)
+            info.update(rate=rate, duration=samples / rate if rate else 0.0)
     return info
 
 

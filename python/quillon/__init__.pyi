@@ -6,7 +6,7 @@ import numpy.typing as npt
 
 Source = Union[str, os.PathLike, bytes, bytearray, memoryview, BinaryIO]
 Codec = Union[str, int]
-Channels = Literal["mix", "left", "right", "keep"]
+Channels = Literal["mix", "left", "right", "stereo", "keep"]
 DType = Literal["int16", "float32"]
 
 class Error(RuntimeError): ...

@@ -215,6 +215,23 @@ def test_write_wav_leaves_no_partial_file(tmp_path):
     assert os.listdir(tmp_path) == ["x.wav"]
 
 
+def test_stereo_wave_channels_as_the_tool_gives_them(tmp_path, tool):
+    left, right = speech_like(8000, 0.5), speech_like(8000, 0.5, seed=9)
+    wav = tmp_path / "two.wav"
+    quillon.write_wav(wav, np.stack([left, right], axis=1), 8000)
+    both, rate = quillon.decode(wav, channels="stereo")
+    assert rate == 8000 and both.shape == (left.size, 2)
+    assert np.array_equal(both[:, 0], left) and np.array_equal(both[:, 1], right)
+    assert np.array_equal(quillon.decode(wav, channels="keep")[0], both)
+    for mode, want in (("left", left), ("right", right)):
+        assert np.array_equal(quillon.decode(wav, channels=mode)[0], want)
+    mixed = quillon.decode(wav)[0]
+    status, err = run_tool(tool, "decode", "--raw", "--channels", "mix", wav, tmp_path / "mix.pcm")
+    assert status == 0, err
+    assert np.array_equal(mixed, read_pcm(tmp_path / "mix.pcm"))
+    assert quillon.probe(wav)["channels"] == 2
+
+
 def test_bad_input_raises_and_never_crashes(tmp_path):
     rng = np.random.default_rng(11)
     garbage = rng.integers(0, 256, 5000, dtype=np.uint8).tobytes()
@@ -270,3 +287,21 @@ def test_installed_package_imports(tmp_path):
     out = subprocess.run([sys.executable, "-c", code], env=env, cwd=tmp_path, check=True,
                          capture_output=True, text=True).stdout
     assert out.startswith(str(sites[0]))
+
+
+def test_a_fatal_library_error_raises_instead_of_ending_the_interpreter(vectors):
+    # The G.729 path traces to standard output; a trace line that cannot be
+    # written is fatal to the library. The interpreter lives on and gets quillon.Error.
+    streams = sorted((vectors / "g729a").glob("*.g729"))
+    if not streams:
+        pytest.skip("no g729a vectors")
+    code = ("import sys, quillon\n"
+            "try:\n"
+            "    quillon.decode(sys.argv[1], codec='g729')\n"
+            "except quillon.Error as e:\n"
+            "    sys.stderr.write('raised: %s' % e)\n"
+            "    sys.exit(7)\n")
+    with open("/dev/full", "w") as full:
+        p = subprocess.run([sys.executable, "-c", code, str(streams[0])], stdout=full, stderr=subprocess.PIPE,
+                           text=True, timeout=60)
+    assert p.returncode == 7 and "raised: codecLib_printf problem" in p.stderr, (p.returncode, p.stderr)
