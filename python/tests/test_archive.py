@@ -27,9 +27,9 @@ def cluster(tmp_path):
     info = tmp_path / "scheduler.json"
     log = open(tmp_path / "cluster.log", "wb")
     procs = [start(["distributed.cli.dask_scheduler", "--host", "127.0.0.1", "--port", "0", "--no-dashboard",
-                    "--scheduler-file", str(info), "--idle-timeout", "120"], log)]
+                    "--scheduler-file", str(info), "--idle-timeout", "300"], log)]
     try:
-        deadline = time.monotonic() + 30
+        deadline = time.monotonic() + 60
         while not info.exists() or not info.read_text().strip():
             assert time.monotonic() < deadline and procs[0].poll() is None, "the scheduler did not start"
             time.sleep(0.1)
@@ -37,8 +37,8 @@ def cluster(tmp_path):
         assert address.startswith("tcp://127.0.0.1:")
         for name in ("w1", "w2"):
             procs.append(start(["distributed.cli.dask_worker", address, "--host", "127.0.0.1", "--nthreads", "1",
-                                "--name", name, "--no-dashboard", "--no-nanny", "--death-timeout", "30",
-                                "--lifetime", "120"], log))
+                                "--name", name, "--no-dashboard", "--no-nanny", "--death-timeout", "90",
+                                "--lifetime", "300"], log))
         yield address
     finally:
         for p in procs:
@@ -78,9 +78,9 @@ def test_cluster_conversion_matches_quillon_batch(tmp_path, tool, cluster):
         (tmp_path / out).mkdir()
         (tmp_path / out / "old.wav").write_bytes(b"kept")  # skipped, never overwritten
 
-    client = distributed.Client(cluster, timeout=30)
+    client = distributed.Client(cluster, timeout=90)
     try:
-        client.wait_for_workers(2, timeout=60)
+        client.wait_for_workers(2, timeout=120)
         summary = quillon.archive.convert(str(in_dir), str(tmp_path / "out-dask"), client=client, progress=False)
         workers = {w["id"] for w in client.scheduler_info()["workers"].values()}
     finally:
