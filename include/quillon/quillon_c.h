@@ -28,6 +28,11 @@ QUILLON_API int QUILLON_STDCALL decoder_close(quillon_decoder_handle handle);
 /* Closes and destroys the decoder; accepts 0; returns non-zero. */
 QUILLON_API int QUILLON_STDCALL decoder_release(quillon_decoder_handle handle);
 
+/* Called instead of ending the process when the library meets a fatal error. */
+typedef void (QUILLON_STDCALL* quillon_fatal_handler)(const char* message, int status, void* context);
+/* Installs `handler` (null: back to the default, which ends the process); returns the previous one. */
+QUILLON_API quillon_fatal_handler QUILLON_STDCALL quillon_set_fatal_handler(quillon_fatal_handler handler, void* context);
+
 #ifdef __cplusplus
 }
 #endif

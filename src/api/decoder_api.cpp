@@ -1,4 +1,5 @@
 #include "quillon/decoder.h"
+#include "quillon/fatal_error.h"
 #include "quillon/quillon_c.h"
 
 using TAV::AudioFormat;
@@ -29,25 +30,46 @@ extern "C" QUILLON_API int QUILLON_STDCALL FileToAPICompression(int fileCode) {
   }
 }
 
+// A fatal error the host's handler has seen ends the call with its error
+// value; no exception crosses the C boundary.
 extern "C" QUILLON_API quillon_decoder_handle QUILLON_STDCALL decoder_create(int apiCode) {
-  AudioFormat format(static_cast<CompressionType>(apiCode), 1);
-  return reinterpret_cast<quillon_decoder_handle>(Decoder::getDecoder(format));
+  try {
+    AudioFormat format(static_cast<CompressionType>(apiCode), 1);
+    return reinterpret_cast<quillon_decoder_handle>(Decoder::getDecoder(format));
+  } catch (const TAV::FatalError&) {
+    return 0;
+  }
 }
 
 extern "C" QUILLON_API int QUILLON_STDCALL decoder_open(quillon_decoder_handle handle, int outApiCode) {
-  return fromHandle(handle)->open(AudioFormat(static_cast<CompressionType>(outApiCode), 1)) ? 1 : 0;
+  try {
+    return fromHandle(handle)->open(AudioFormat(static_cast<CompressionType>(outApiCode), 1)) ? 1 : 0;
+  } catch (const TAV::FatalError&) {
+    return 0;
+  }
 }
 
 extern "C" QUILLON_API unsigned int QUILLON_STDCALL decode_decode(quillon_decoder_handle handle, const uint8_t* in,
                                                                   uint8_t* out, unsigned int inBytes) {
-  return fromHandle(handle)->decode(in, out, inBytes);
+  try {
+    return fromHandle(handle)->decode(in, out, inBytes);
+  } catch (const TAV::FatalError&) {
+    return 0;
+  }
 }
 
 extern "C" QUILLON_API int QUILLON_STDCALL decoder_close(quillon_decoder_handle handle) {
-  fromHandle(handle)->close();
+  try {
+    fromHandle(handle)->close();
+  } catch (const TAV::FatalError&) {
+  }
   return 1;
 }
 
 extern "C" QUILLON_API int QUILLON_STDCALL decoder_release(quillon_decoder_handle handle) {
-  return Decoder::releaseDecoder(fromHandle(handle)) ? 1 : 0;
+  try {
+    return Decoder::releaseDecoder(fromHandle(handle)) ? 1 : 0;
+  } catch (const TAV::FatalError&) {
+    return 1;
+  }
 }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "codec/fatal.h"
 #include "codec/trace.h"
 
 namespace quillon::codeclib {
@@ -18,11 +19,9 @@ int32 s_initMarker = 0;
 
 constexpr int16 kTraceLevel = 3;  // lines are written above this level
 
-// Ends the process after a trace line could not be printed.
+// A trace line that could not be printed is fatal.
 void codecLibPrintProblem(bool failed) {
-  if (!failed) return;
-  tracePrintf("codecLib_printf problem \n");
-  std::exit(1);
+  if (failed) fatal(1, "codecLib_printf problem ");
 }
 
 bool validCodecId(int32 codecId) { return static_cast<uint32>(codecId) < static_cast<uint32>(kCodecCount); }
