@@ -69,9 +69,12 @@ void RingBuffer::setBufferSize(unsigned int size) {
   unsigned char* grown = new (std::nothrow) unsigned char[size];
   if (!grown) return;
   if (m_data) {
-    read(grown, bytesToRead());
+    // The readable count of a ring whose writer wrapped behind its reader
+    // can exceed both capacities; only what the new storage holds is moved.
+    const uint32 held = bytesToRead();
+    read(grown, held < size ? held : size);
     delete[] m_data;
-    m_writePos = 0;
+    m_readPos = m_writePos = 0;
   }
   m_data = grown;
   m_capacity = size;
