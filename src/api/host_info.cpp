@@ -1,6 +1,8 @@
 // Host and session information exports and the version values.
+#include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <vector>
 
 #include "api/host_info_detail.h"
@@ -13,15 +15,18 @@ constexpr uint32_t kVersionHigh = 80;
 constexpr uint32_t kVersionLow = 0;
 constexpr uint32_t kVersionBuild = 0;
 
-// Set once the socket layer runs with version 1.1. A plain byte, as
-// everything here is called from the caller's one thread.
-unsigned char s_winsockStarted = 0;
+// Set once the socket layer runs with version 1.1. Callers on several
+// threads start it one at a time, so it is started at most once.
+std::atomic<unsigned char> s_winsockStarted{0};
+std::mutex s_winsockMutex;
 
 void startSocketLayer() {
-  if (s_winsockStarted) return;
+  if (s_winsockStarted.load()) return;
+  std::lock_guard<std::mutex> lock(s_winsockMutex);
+  if (s_winsockStarted.load()) return;
   uint16_t granted = 0;
   if (!quillon::host::socketStartup(0x0101, granted)) return;  // not reported
-  if ((granted & 0xFF) == 1 && (granted >> 8) == 1) s_winsockStarted = 1;
+  if ((granted & 0xFF) == 1 && (granted >> 8) == 1) s_winsockStarted.store(1);
   else quillon::host::socketCleanup();
 }
 

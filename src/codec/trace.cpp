@@ -1,21 +1,26 @@
 #include "codec/trace.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 
 namespace {
-// Standard output unless the host chose otherwise; `discard` records an
-// explicit null so that the default is not taken again.
-FILE* g_sink = nullptr;
-bool g_discard = false;
+// Standard output unless the host chose otherwise. An explicit null is kept
+// as the address of `g_discardMark` so that the default is not taken again;
+// one atomic word, as any thread may trace while the host redirects.
+char g_discardMark;
+std::atomic<FILE*> g_sink{nullptr};
 }  // namespace
 
 extern "C" void quillon_set_trace_sink(FILE* sink) {
-  g_sink = sink;
-  g_discard = sink == nullptr;
+  g_sink.store(sink ? sink : reinterpret_cast<FILE*>(&g_discardMark));
 }
 
-extern "C" FILE* quillon_trace_sink(void) { return g_discard ? nullptr : (g_sink ? g_sink : stdout); }
+extern "C" FILE* quillon_trace_sink(void) {
+  FILE* sink = g_sink.load();
+  if (sink == reinterpret_cast<FILE*>(&g_discardMark)) return nullptr;
+  return sink ? sink : stdout;
+}
 
 namespace quillon {
 

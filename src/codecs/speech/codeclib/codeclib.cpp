@@ -1,10 +1,12 @@
 #include "codecs/speech/codeclib/codeclib.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "codec/fatal.h"
 #include "codec/trace.h"
@@ -13,9 +15,13 @@ namespace quillon::codeclib {
 
 namespace {
 
-// The process-wide descriptor table, filled on first use.
+// The process-wide descriptor table, filled once on first use. Handles
+// only exist after an open that went through ensureInit, so the calls that
+// take a handle read the table without further synchronisation.
 CodecDescriptor s_descriptors[kCodecCount];
-int32 s_initMarker = 0;
+std::atomic<int32> s_initMarker{0};
+std::once_flag s_fillOnce;
+std::mutex s_refillMutex;
 
 constexpr int16 kTraceLevel = 3;  // lines are written above this level
 
@@ -26,8 +32,12 @@ void codecLibPrintProblem(bool failed) {
 
 bool validCodecId(int32 codecId) { return static_cast<uint32>(codecId) < static_cast<uint32>(kCodecCount); }
 
+void fillTable(int16 trace);
+
+// The first caller fills the table (with its own trace level); every other
+// caller waits until that is done.
 void ensureInit(int16 trace) {
-  if (s_initMarker != kInitMarker) CodecMngInit(trace);
+  std::call_once(s_fillOnce, [trace] { fillTable(trace); });
 }
 
 // The handle as the trace lines show it (a 32-bit word).
@@ -100,9 +110,10 @@ void codecLibPrintf(const char* format, ...) {
     if (trace > kTraceLevel) codecLibPrintf(__VA_ARGS__); \
   } while (0)
 
-void CodecMngInit(int16 trace) {
+namespace {
+void fillTable(int16 trace) {
   for (CodecDescriptor& d : s_descriptors) d = CodecDescriptor{};
-  s_initMarker = kInitMarker;
+  s_initMarker.store(kInitMarker);
   CL_TRACE(" codecLib Version %d.%d.%d \n", kVersionMajor, kVersionMinor, kVersionPatch);
   CL_TRACE("In CodecMngInit\n");
   fillAmrWbDescriptor(s_descriptors[kCodecAmrWb]);
@@ -111,6 +122,20 @@ void CodecMngInit(int16 trace) {
   fillG729Descriptor(s_descriptors[kCodecG729]);
   fillG729ABDescriptor(s_descriptors[kCodecG729AB]);
   fillG729BDescriptor(s_descriptors[kCodecG729B]);
+}
+}  // namespace
+
+// An explicit call fills the table again; it must not run while other
+// threads use the engines.
+void CodecMngInit(int16 trace) {
+  bool filled = false;
+  std::call_once(s_fillOnce, [&] {
+    fillTable(trace);
+    filled = true;
+  });
+  if (filled) return;
+  std::lock_guard<std::mutex> lock(s_refillMutex);
+  fillTable(trace);
 }
 
 CodecDescriptor* codecLibDescriptor(int32 codecId) {
