@@ -1,6 +1,5 @@
 #include "codec/fatal.h"
 
-#include <atomic>
 #include <cstdlib>
 #include <mutex>
 
@@ -8,37 +7,43 @@
 #include "quillon/fatal_error.h"
 #include "quillon/quillon_c.h"
 
+namespace TAV {
+FatalError::FatalError(const std::string& message, int status) : std::runtime_error(message), m_status(status) {}
+FatalError::~FatalError() = default;
+}  // namespace TAV
+
 namespace {
-// The handler is read on every fatal error from whichever thread meets it;
-// the mutex only keeps a handler and its context together.
-std::atomic<quillon_fatal_handler> g_handler{nullptr};
-std::atomic<void*> g_context{nullptr};
-std::mutex g_handlerMutex;
+// The handler and its context change together, so one lock guards both.
+std::mutex g_lock;
+quillon_fatal_handler g_handler = nullptr;
+void* g_context = nullptr;
 }  // namespace
 
 extern "C" QUILLON_API quillon_fatal_handler QUILLON_STDCALL quillon_set_fatal_handler(quillon_fatal_handler handler,
-                                                                                       void* context) {
-  std::lock_guard<std::mutex> lock(g_handlerMutex);
-  g_context.store(context);
-  return g_handler.exchange(handler);
+                                                                                     void* context) {
+  std::lock_guard<std::mutex> hold(g_lock);
+  quillon_fatal_handler previous = g_handler;
+  g_handler = handler;
+  g_context = handler ? context : nullptr;
+  return previous;
 }
 
 namespace quillon {
 
-void fatal(int status, const char* message) {
-  quillon_fatal_handler handler = nullptr;
-  void* context = nullptr;
+void raiseFatal(int status, const char* message) {
+  quillon_fatal_handler handler;
+  void* context;
   {
-    std::lock_guard<std::mutex> lock(g_handlerMutex);
-    handler = g_handler.load();
-    context = g_context.load();
+    std::lock_guard<std::mutex> hold(g_lock);
+    handler = g_handler;
+    context = g_context;
   }
-  if (handler) {
-    handler(message, status, context);
-    throw TAV::FatalError(message, status);
+  if (!handler) {
+    tracePrintf("%s", message);
+    std::exit(status);
   }
-  tracePrintf("%s\n", message);
-  std::exit(status);
+  handler(message, status, context);
+  throw TAV::FatalError(message, status);
 }
 
 }  // namespace quillon

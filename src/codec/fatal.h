@@ -1,13 +1,13 @@
-// The library's one way out of an unrecoverable error.
+// Conditions the library cannot continue from.
 #ifndef QUILLON_INTERNAL_FATAL_H
 #define QUILLON_INTERNAL_FATAL_H
 
 namespace quillon {
 
-// With a host handler installed: calls it with `message` and `status`, then
-// throws TAV::FatalError. Otherwise prints `message` and a newline to the
+// Hands `message` to the host's fatal-error handler and throws
+// TAV::FatalError; with no handler installed, prints the message to the
 // trace sink and ends the process with `status`.
-[[noreturn]] void fatal(int status, const char* message);
+[[noreturn]] void raiseFatal(int status, const char* message);
 
 }  // namespace quillon
 

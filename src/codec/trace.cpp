@@ -5,20 +5,19 @@
 #include <cstdio>
 
 namespace {
-// Standard output unless the host chose otherwise. An explicit null is kept
-// as the address of `g_discardMark` so that the default is not taken again;
-// one atomic word, as any thread may trace while the host redirects.
-char g_discardMark;
+// Null means standard output; the address of `g_discardTag` records an
+// explicit null from the host, so that the default is not taken again.
+// Decoders on any thread read the sink while the host may set it.
+char g_discardTag;
+FILE* const kDiscard = reinterpret_cast<FILE*>(&g_discardTag);
 std::atomic<FILE*> g_sink{nullptr};
 }  // namespace
 
-extern "C" void quillon_set_trace_sink(FILE* sink) {
-  g_sink.store(sink ? sink : reinterpret_cast<FILE*>(&g_discardMark));
-}
+extern "C" void quillon_set_trace_sink(FILE* sink) { g_sink.store(sink ? sink : kDiscard); }
 
 extern "C" FILE* quillon_trace_sink(void) {
   FILE* sink = g_sink.load();
-  if (sink == reinterpret_cast<FILE*>(&g_discardMark)) return nullptr;
+  if (sink == kDiscard) return nullptr;
   return sink ? sink : stdout;
 }
 

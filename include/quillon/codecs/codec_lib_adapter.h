@@ -45,7 +45,6 @@ class QUILLON_API CodecLibAdapter : public Codec {
   CodecLibAdapter(const CodecLibAdapter&) = delete;
   CodecLibAdapter& operator=(const CodecLibAdapter&) = delete;
 
-  uint32 decodeFrames(const uint8* in, uint32& inBytes, int16* out, uint32 outCapacity);
   uint32 decodeLengthPrefixed(const uint8* in, uint32& inBytes, int16* out, uint32 outCapacity);
 
   int32 m_codecId;

@@ -1,7 +1,6 @@
 #include "quillon/codecs/codec_lib_adapter.h"
 
 #include "codecs/speech/codeclib/codeclib.h"
-#include "quillon/fatal_error.h"
 
 namespace TAV {
 
@@ -10,19 +9,6 @@ using namespace quillon::codeclib;
 namespace {
 constexpr int16 kDecodeTrace = 4;  // decoding of codes 20 and 50-52 traces at this level
 constexpr int32 kG722FrameSamples = 320;
-
-// Runs one engine call. A fatal error abandons it with the handle in an
-// unknown state, so the codec is brought back to its just-opened state
-// (a fresh handle) before the error goes on to the caller.
-template <class Call>
-uint32 resetOnFatal(Codec& codec, Call&& call) {
-  try {
-    return call();
-  } catch (const FatalError&) {
-    codec.init();
-    throw;
-  }
-}
 }  // namespace
 
 CodecLibAdapter::CodecLibAdapter() : m_codecId(0), m_handle(nullptr), m_options{}, m_spareOptions{} {}
@@ -87,10 +73,6 @@ bool CodecLibAdapter::close() {
 }
 
 uint32 CodecLibAdapter::decode(const uint8* in, uint32& inBytes, int16* out, uint32 outCapacity) {
-  return resetOnFatal(*this, [&] { return decodeFrames(in, inBytes, out, outCapacity); });
-}
-
-uint32 CodecLibAdapter::decodeFrames(const uint8* in, uint32& inBytes, int16* out, uint32 outCapacity) {
   if (m_codecId == kCodecAmrWb) return decodeLengthPrefixed(in, inBytes, out, outCapacity);
   // The byte capacity goes to the engine as its sample capacity.
   int32 outSamples = static_cast<int32>(outCapacity);
@@ -130,13 +112,11 @@ uint32 CodecLibAdapter::decodeLengthPrefixed(const uint8* in, uint32& inBytes, i
 }
 
 uint32 CodecLibAdapter::encode(const int16* in, uint32& inBytes, uint8* out, uint32 outCapacity) {
-  return resetOnFatal(*this, [&]() -> uint32 {
-    int32 samples = static_cast<int32>(inBytes / 2);
-    int32 outBytes = static_cast<int32>(outCapacity);
-    const int32 result = codecLibEncode(&m_handle, in, &samples, out, &outBytes, &m_options, 0);
-    inBytes = static_cast<uint32>(samples) * 2;
-    return result == kOk ? static_cast<uint32>(outBytes) : 0;
-  });
+  int32 samples = static_cast<int32>(inBytes / 2);
+  int32 outBytes = static_cast<int32>(outCapacity);
+  const int32 result = codecLibEncode(&m_handle, in, &samples, out, &outBytes, &m_options, 0);
+  inBytes = static_cast<uint32>(samples) * 2;
+  return result == kOk ? static_cast<uint32>(outBytes) : 0;
 }
 
 }  // namespace TAV

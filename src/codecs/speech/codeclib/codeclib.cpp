@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <mutex>
 
 #include "codec/fatal.h"
@@ -15,29 +16,28 @@ namespace quillon::codeclib {
 
 namespace {
 
-// The process-wide descriptor table, filled once on first use. Handles
-// only exist after an open that went through ensureInit, so the calls that
-// take a handle read the table without further synchronisation.
+// The process-wide descriptor table, filled on first use. The first use
+// may come from several threads at once: the fill runs exactly once, and
+// the marker is published only after the table is complete.
 CodecDescriptor s_descriptors[kCodecCount];
 std::atomic<int32> s_initMarker{0};
-std::once_flag s_fillOnce;
-std::mutex s_refillMutex;
+std::once_flag s_initOnce;
 
 constexpr int16 kTraceLevel = 3;  // lines are written above this level
 
-// A trace line that could not be printed is fatal.
+// A trace line that could not be printed ends the process (or, with a
+// fatal-error handler installed, the call).
 void codecLibPrintProblem(bool failed) {
-  if (failed) fatal(1, "codecLib_printf problem ");
+  if (failed) raiseFatal(1, "codecLib_printf problem \n");
 }
 
 bool validCodecId(int32 codecId) { return static_cast<uint32>(codecId) < static_cast<uint32>(kCodecCount); }
 
-void fillTable(int16 trace);
-
-// The first caller fills the table (with its own trace level); every other
-// caller waits until that is done.
 void ensureInit(int16 trace) {
-  std::call_once(s_fillOnce, [trace] { fillTable(trace); });
+  if (s_initMarker.load(std::memory_order_acquire) == kInitMarker) return;
+  std::call_once(s_initOnce, [trace] {
+    if (s_initMarker.load(std::memory_order_acquire) != kInitMarker) CodecMngInit(trace);
+  });
 }
 
 // The handle as the trace lines show it (a 32-bit word).
@@ -110,32 +110,19 @@ void codecLibPrintf(const char* format, ...) {
     if (trace > kTraceLevel) codecLibPrintf(__VA_ARGS__); \
   } while (0)
 
-namespace {
-void fillTable(int16 trace) {
+void CodecMngInit(int16 trace) {
+  // The fill prints nothing, so the table is complete (and the marker set)
+  // before the version lines: a failed print cannot leave it half-filled.
   for (CodecDescriptor& d : s_descriptors) d = CodecDescriptor{};
-  s_initMarker.store(kInitMarker);
-  CL_TRACE(" codecLib Version %d.%d.%d \n", kVersionMajor, kVersionMinor, kVersionPatch);
-  CL_TRACE("In CodecMngInit\n");
   fillAmrWbDescriptor(s_descriptors[kCodecAmrWb]);
   fillG722Descriptor(s_descriptors[kCodecG722]);
   fillG729ADescriptor(s_descriptors[kCodecG729A]);
   fillG729Descriptor(s_descriptors[kCodecG729]);
   fillG729ABDescriptor(s_descriptors[kCodecG729AB]);
   fillG729BDescriptor(s_descriptors[kCodecG729B]);
-}
-}  // namespace
-
-// An explicit call fills the table again; it must not run while other
-// threads use the engines.
-void CodecMngInit(int16 trace) {
-  bool filled = false;
-  std::call_once(s_fillOnce, [&] {
-    fillTable(trace);
-    filled = true;
-  });
-  if (filled) return;
-  std::lock_guard<std::mutex> lock(s_refillMutex);
-  fillTable(trace);
+  s_initMarker.store(kInitMarker, std::memory_order_release);
+  CL_TRACE(" codecLib Version %d.%d.%d \n", kVersionMajor, kVersionMinor, kVersionPatch);
+  CL_TRACE("In CodecMngInit\n");
 }
 
 CodecDescriptor* codecLibDescriptor(int32 codecId) {
@@ -144,7 +131,9 @@ CodecDescriptor* codecLibDescriptor(int32 codecId) {
   return &s_descriptors[codecId];
 }
 
-int32 codecLibOpen(HandleRes** handle, int32 codecId, int32 direction, int16 trace) {
+namespace {
+
+int32 openHandle(HandleRes** handle, int32 codecId, int32 direction, int16 trace) {
   CL_TRACE("In codecLibOpen\n");
   if (!validCodecId(codecId) || !handle) return kErrOpen;
   ensureInit(trace);
@@ -191,8 +180,34 @@ int32 codecLibOpen(HandleRes** handle, int32 codecId, int32 direction, int16 tra
   return d.open(h, trace);
 }
 
+}  // namespace
+
+// A fatal error part-way through leaves no handle behind.
+int32 codecLibOpen(HandleRes** handle, int32 codecId, int32 direction, int16 trace) {
+  HandleRes* const before = handle ? *handle : nullptr;
+  try {
+    return openHandle(handle, codecId, direction, trace);
+  } catch (...) {
+    HandleRes* h = handle ? *handle : nullptr;
+    if (h && h != before) {
+      const CodecDescriptor& d = s_descriptors[h->codecId];
+      if (h->engineState && d.close) d.close(h, 0);
+      std::free(h->leftOverInpBuf);
+      std::free(h);
+      *handle = nullptr;
+    }
+    throw;
+  }
+}
+
 int32 codecLibClose(HandleRes** handle, int16 trace) {
-  CL_TRACE("In codecLibClose\n");
+  // The handle is released even when its trace line cannot be printed.
+  std::exception_ptr failure;
+  try {
+    CL_TRACE("In codecLibClose\n");
+  } catch (...) {
+    failure = std::current_exception();
+  }
   HandleRes* h = handle ? *handle : nullptr;
   if (!h) return 0;
   const CodecDescriptor& d = s_descriptors[h->codecId];
@@ -201,6 +216,7 @@ int32 codecLibClose(HandleRes** handle, int16 trace) {
   if (h->convBufCnt != 0) std::free(h->convBuf);
   std::free(h->leftOverInpBuf);
   std::free(h);
+  if (failure) std::rethrow_exception(failure);
   return result;
 }
 
@@ -222,8 +238,10 @@ int32 codecLibReset(HandleRes** handle) {
   return d.reset ? d.reset(h) : kOk;
 }
 
-int32 codecLibEncode(HandleRes** handle, const int16* in, int32* inSamples, uint8* out,
-                     int32* outBytes, CodecLibOptions* options, int16 trace) {
+namespace {
+
+int32 encodeCall(HandleRes** handle, const int16* in, int32* inSamples, uint8* out, int32* outBytes,
+                 CodecLibOptions* options, int16 trace) {
   HandleRes* h = handle ? *handle : nullptr;
   CL_TRACE("In codecLibEncode\n");
   CL_TRACE("HandleRes = %x\n", handleWord(h));
@@ -337,8 +355,8 @@ int32 codecLibEncode(HandleRes** handle, const int16* in, int32* inSamples, uint
   return error;
 }
 
-int32 codecLibDecode(HandleRes** handle, const uint8* in, int32* inBytes, int16* out,
-                     int32* outSamples, CodecLibOptions* options, int16 trace) {
+int32 decodeCall(HandleRes** handle, const uint8* in, int32* inBytes, int16* out, int32* outSamples,
+                 CodecLibOptions* options, int16 trace) {
   HandleRes* h = handle ? *handle : nullptr;
   BadFrameReset clearBadFrame{options};
   CL_TRACE("In codecLibDecode\n");
@@ -444,6 +462,34 @@ int32 codecLibDecode(HandleRes** handle, const uint8* in, int32* inBytes, int16*
   CL_TRACE("codecLibDecode:leftOverInpBufCnt = %d\n", static_cast<int32>(total));
   *inBytes = count;
   return error;
+}
+
+// A fatal error part-way through a call leaves the handle as just opened:
+// no leftover input and a reset engine.
+void resetAfterFatal(HandleRes** handle) {
+  if (handle && *handle) codecLibReset(handle);
+}
+
+}  // namespace
+
+int32 codecLibEncode(HandleRes** handle, const int16* in, int32* inSamples, uint8* out, int32* outBytes,
+                     CodecLibOptions* options, int16 trace) {
+  try {
+    return encodeCall(handle, in, inSamples, out, outBytes, options, trace);
+  } catch (...) {
+    resetAfterFatal(handle);
+    throw;
+  }
+}
+
+int32 codecLibDecode(HandleRes** handle, const uint8* in, int32* inBytes, int16* out, int32* outSamples,
+                     CodecLibOptions* options, int16 trace) {
+  try {
+    return decodeCall(handle, in, inBytes, out, outSamples, options, trace);
+  } catch (...) {
+    resetAfterFatal(handle);
+    throw;
+  }
 }
 
 }  // namespace quillon::codeclib

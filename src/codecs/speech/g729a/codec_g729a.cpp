@@ -3,7 +3,6 @@
 #include <new>
 
 #include "codecs/speech/g729a/decoder.h"
-#include "quillon/fatal_error.h"
 
 namespace TAV {
 
@@ -41,8 +40,8 @@ uint32 CodecG729A::decode(const uint8* in, uint32& inBytes, int16* out, uint32 /
       in += Decoder::kFrameBytes;
       out += Decoder::kFrameSamples;
     }
-  } catch (const FatalError&) {
-    // The frame was abandoned half-way: start again from a fresh decoder.
+  } catch (...) {
+    // A fatal error mid-stream leaves the decoder as just opened.
     m_decoder->reset();
     throw;
   }

@@ -11,11 +11,11 @@ namespace quillon::g729a {
 
 Word16 Dsp::div_s(Word16 num, Word16 den) {
   if (num > den || num < 0 || den < 0) {
-    char message[64];
-    std::snprintf(message, sizeof message, "Division Error var1=%d  var2=%d", num, den);
-    fatal(0, message);
+    char line[64];
+    std::snprintf(line, sizeof line, "Division Error var1=%d  var2=%d\n", num, den);
+    raiseFatal(0, line);
   }
-  if (den == 0) fatal(0, "Division by 0, Fatal error ");
+  if (den == 0) raiseFatal(0, "Division by 0, Fatal error \n");
   return fx::BasicOps::div_s(num, den);
 }
 
