@@ -214,4 +214,14 @@ BatchOutcome convertBatchEntry(const BatchEntry& entry, const fs::path& inDir, c
   return o;
 }
 
+std::string batchSummaryLine(const BatchEntry& entry, const BatchOutcome& outcome, const fs::path& inDir,
+                             const fs::path& outDir) {
+  std::string note = outcome.reason;
+  if (entry.wholeName && outcome.state == BatchState::Converted)
+    note = "named after the whole file name: " + outputNameFor(entry.input).string() +
+           " would be the output of more than one file";
+  return std::string(batchStateName(outcome.state)) + "\t" + (inDir / entry.input).string() + "\t" +
+         (entry.problem.empty() ? (outDir / entry.output).string() : std::string()) + "\t" + note + "\n";
+}
+
 }  // namespace quillon::tool

@@ -74,6 +74,11 @@ struct BatchOutcome {
 BatchOutcome convertBatchEntry(const BatchEntry& entry, const std::filesystem::path& inDir,
                                const std::filesystem::path& outDir, const ConvertOptions& options, bool force);
 
+// The entry's line of the batch summary (with its newline): state, input
+// path, output path and the reason or note, separated by tabs.
+std::string batchSummaryLine(const BatchEntry& entry, const BatchOutcome& outcome, const std::filesystem::path& inDir,
+                             const std::filesystem::path& outDir);
+
 }  // namespace quillon::tool
 
 #endif

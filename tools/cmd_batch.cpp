@@ -126,15 +126,8 @@ int runBatchCommand(int argc, char** argv) {
     const BatchOutcome& o = outcomes[i];
     count[static_cast<int>(o.state)]++;
     if (o.state == BatchState::NotStarted) continue;
-    std::string note = o.reason;
-    if (work[i].wholeName && o.state == BatchState::Converted) {
-      wholeNames++;
-      note = "named after the whole file name: " + outputNameFor(work[i].input).string() +
-             " would be the output of more than one file";
-    }
-    if (summary.stream())
-      std::fprintf(summary.stream(), "%s\t%s\t%s\t%s\n", batchStateName(o.state), (inDir / work[i].input).string().c_str(),
-                   work[i].problem.empty() ? (outDir / work[i].output).string().c_str() : "", note.c_str());
+    if (work[i].wholeName && o.state == BatchState::Converted) wholeNames++;
+    if (summary.stream()) std::fputs(batchSummaryLine(work[i], o, inDir, outDir).c_str(), summary.stream());
     if (o.state == BatchState::Failed)
       std::fprintf(stderr, "failed: %s: %s\n", (inDir / work[i].input).string().c_str(), o.reason.c_str());
   }
