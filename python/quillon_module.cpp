@@ -10,8 +10,10 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "batch_plan.h"
 #include "codec_names.h"
 #include "containers.h"
 #include "convert.h"
@@ -259,10 +261,12 @@ void writeWav(const std::string& path, py::array_t<int16_t, py::array::c_style |
 
 // --- one file of an archive, by the rules of `quillon batch` ---------------
 
-// Every regular file under `inDir` with its output path under `outDir`
-// (the extension replaced by .wav), leaving out the output folder's tree.
-std::vector<std::pair<std::string, std::string>> batchInputs(const std::string& inDir, const std::string& outDir) {
-  std::vector<std::pair<std::string, std::string>> work;
+// The work list of `quillon batch`: (input, output, problem, whole name)
+// for every input under `inDir`, paths relative to the two folders, with
+// colliding outputs already renamed. The output folder is made here.
+std::vector<std::tuple<std::string, std::string, std::string, bool>> batchInputs(const std::string& inDir,
+                                                                                const std::string& outDir) {
+  std::vector<std::tuple<std::string, std::string, std::string, bool>> work;
   std::string error;
   unlocked([&] {
     std::error_code ec;
@@ -270,62 +274,37 @@ std::vector<std::pair<std::string, std::string>> batchInputs(const std::string& 
       error = inDir + " is not a folder";
       return;
     }
-    const fs::path outAbs = fs::weakly_canonical(outDir, ec);
-    for (auto it = fs::recursive_directory_iterator(inDir, ec); !ec && it != fs::recursive_directory_iterator();
-         it.increment(ec)) {
-      if (!it->is_regular_file()) continue;
-      const fs::path rel = fs::relative(it->path(), inDir);
-      if (fs::weakly_canonical(it->path()).string().rfind(outAbs.string() + "/", 0) == 0) continue;
-      fs::path out = fs::path(outDir) / rel;
-      out.replace_extension(".wav");
-      work.emplace_back(it->path().string(), out.string());
+    bool outInside = false;
+    if (!checkBatchFolders(inDir, outDir, outInside, error)) return;
+    fs::create_directories(outDir, ec);
+    FileIdentity outId;
+    if (!identifyFile(outDir, outId)) {
+      error = "cannot create the folder " + outDir;
+      return;
     }
-    if (ec) error = "cannot read " + inDir + ": " + ec.message();
+    std::vector<BatchEntry> entries = listBatchInputs(inDir, outInside ? &outId : nullptr);
+    nameBatchOutputs(entries);
+    for (const BatchEntry& e : entries) work.emplace_back(e.input.string(), e.output.string(), e.problem, e.wholeName);
   });
   if (!error.empty()) throw LibraryError(error);
   return work;
 }
 
-// ("converted" | "skipped" | "failed", reason, seconds of audio).
-std::tuple<std::string, std::string, double> convertBatchFile(const std::string& input, const std::string& output,
-                                                              const std::string& codec, uint32_t rate, bool force) {
+// One entry of batchInputs: (state, reason, seconds of audio, summary line).
+std::tuple<std::string, std::string, double, std::string> convertBatchFile(
+    const std::string& inDir, const std::string& outDir, const std::string& input, const std::string& output,
+    const std::string& problem, bool wholeName, const std::string& codec, uint32_t rate, bool force) {
   ConvertOptions options;
   if (!codec.empty() && codec != "auto") {
     options.code = codecArgument(codec);
     options.haveCodec = true;
   }
   options.rate = rate;
-  std::tuple<std::string, std::string, double> outcome{"failed", "", 0.0};
-  unlocked([&] {
-    std::error_code fsError;
-    const fs::path target(output);
-    if (!force && fs::exists(target, fsError)) {
-      std::get<0>(outcome) = "skipped";
-      return;
-    }
-    fs::create_directories(target.parent_path(), fsError);
-    const fs::path part = fs::path(target).concat(".part");
-    ConvertResult result;
-    std::string error;
-    bool ok = false;
-    try {
-      ok = convertFile(input, part.string(), options, result, error);
-    } catch (const std::exception& e) {
-      error = e.what();
-    }
-    if (ok) {
-      fs::rename(part, target, fsError);
-      if (fsError) error = "cannot rename the output: " + fsError.message();
-      ok = !fsError;
-      std::get<2>(outcome) = result.rate ? static_cast<double>(result.samples) / result.rate : 0;
-    }
-    if (ok) std::get<0>(outcome) = "converted";
-    else {
-      std::get<1>(outcome) = error;
-      fs::remove(part, fsError);
-    }
-  });
-  return outcome;
+  const BatchEntry entry{input, output, wholeName, problem};
+  BatchOutcome outcome;
+  unlocked([&] { outcome = convertBatchEntry(entry, inDir, outDir, options, force); });
+  return {batchStateName(outcome.state), outcome.reason, outcome.audioSeconds,
+          batchSummaryLine(entry, outcome, inDir, outDir)};
 }
 
 // Installed at import: the library then throws TAV::FatalError when this
@@ -357,8 +336,9 @@ PYBIND11_MODULE(_quillon, m) {
   m.def("probe_file", &probeSource, py::arg("path"));
   m.def("write_wav", &writeWav, py::arg("path"), py::arg("samples"), py::arg("rate"), py::arg("channels"));
   m.def("batch_inputs", &batchInputs, py::arg("in_dir"), py::arg("out_dir"));
-  m.def("convert_batch_file", &convertBatchFile, py::arg("input"), py::arg("output"), py::arg("codec"),
-        py::arg("rate"), py::arg("force"));
+  m.def("convert_batch_file", &convertBatchFile, py::arg("in_dir"), py::arg("out_dir"), py::arg("input"),
+        py::arg("output"), py::arg("problem"), py::arg("whole_name"), py::arg("codec"), py::arg("rate"),
+        py::arg("force"));
 
   py::class_<PyDecoder>(m, "Decoder")
       .def(py::init<const std::string&, uint32_t>(), py::arg("codec"), py::arg("rate") = 0)

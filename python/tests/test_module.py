@@ -240,6 +240,8 @@ def test_bad_input_raises_and_never_crashes(tmp_path):
             quillon.decode(garbage, codec=name)  # may decode noise; must not crash
         except quillon.Error:
             pass
+        except ValueError:
+            assert name == "msadpcm"  # a codec this build only encodes
         with quillon.Decoder(name) as dec:
             try:
                 for i in range(0, len(garbage), 333):

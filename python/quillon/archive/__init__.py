@@ -25,9 +25,10 @@ SUMMARY_NAME = "quillon-batch-summary.txt"
 class FileResult:
     input: str
     output: str
-    state: str  # "converted", "skipped" or "failed"
+    state: str  # "converted", "skipped", "failed" or "interrupted"
     reason: str = ""
     audio_seconds: float = 0.0
+    summary_line: str = field(default="", repr=False)
 
 
 @dataclass
@@ -70,10 +71,13 @@ class Summary:
                                                      self.real_time_factor))
 
 
-def _convert_one(input, output, codec, rate, force):
+def _convert_one(entry, in_dir, out_dir, codec, rate, force):
     """One file, run on a worker."""
-    state, reason, seconds = _quillon.convert_batch_file(input, output, codec, rate, force)
-    return FileResult(input, output, state, reason, seconds)
+    rel_in, rel_out, problem, whole_name = entry
+    state, reason, seconds, line = _quillon.convert_batch_file(in_dir, out_dir, rel_in, rel_out, problem, whole_name,
+                                                               codec, rate, force)
+    output = os.path.join(out_dir, rel_out) if rel_out else ""
+    return FileResult(os.path.join(in_dir, rel_in), output, state, reason, seconds, line)
 
 
 def _open_client(client):
@@ -99,7 +103,7 @@ def _write_summary(out_dir, results):
     try:
         with os.fdopen(fd, "w", encoding="utf-8", errors="surrogateescape") as f:
             for r in results:
-                f.write("%s\t%s\t%s\n" % (r.state, r.input, r.reason))
+                f.write(r.summary_line)
         os.replace(part, path)
     except BaseException:
         os.unlink(part)
@@ -135,8 +139,8 @@ def convert(in_dir, out_dir, client=None, codec="auto", rate=None, force=False, 
     start = time.monotonic()
     dask_client, cluster = _open_client(client)
     try:
-        futures = dask_client.map(_convert_one, [w[0] for w in work], [w[1] for w in work],
-                                  codec=codec, rate=rate or 0, force=bool(force), pure=False)
+        futures = dask_client.map(_convert_one, work, in_dir=in_dir, out_dir=out_dir, codec=codec, rate=rate or 0,
+                                  force=bool(force), pure=False)
         if progress and futures:
             import distributed
 

@@ -9,6 +9,7 @@ class FileResult:
     state: str
     reason: str
     audio_seconds: float
+    summary_line: str
 
 class Summary:
     files: List[FileResult]
