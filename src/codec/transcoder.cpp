@@ -1,5 +1,7 @@
 #include "quillon/transcoder.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 namespace TAV {
@@ -7,6 +9,15 @@ namespace TAV {
 namespace {
 bool isPcm16(const AudioFormat& f) {
   return f.getCompression() == CT_PCM16 || f.getCompression() == CT_PCM16_16K;
+}
+// The frame size in which the input codec must be handed its input, or 0
+// when it takes any count of bytes. The codecLib G.729 codec joins a partial
+// frame to the next call inside its engine, and must see each call's input
+// at once to be offered that call's room.
+uint32 wholeFrameBytes(const AudioFormat& f, uint32 limit) {
+  const uint32 frame = f.getBytesPerFrame();
+  if (frame <= 1 || frame > limit || f.getCompression() == CT_G729) return 0;
+  return frame;
 }
 void destroy(Codec*& codec) {
   if (codec) {
@@ -22,7 +33,10 @@ TransCoder::TransCoder()
       m_outCodec(nullptr),
       m_resampler(nullptr),
       m_inFormat(CT_PCM16, 1),
-      m_outFormat(CT_PCM16, 1) {}
+      m_outFormat(CT_PCM16, 1),
+      m_resamplerFactory(nullptr),
+      m_heldCount(0),
+      m_held{} {}
 
 TransCoder::TransCoder(const TransCoder& other) = default;
 TransCoder& TransCoder::operator=(const TransCoder& other) = default;
@@ -33,8 +47,10 @@ bool TransCoder::open(const AudioFormat& in, const AudioFormat& out) {
   if (in.getSamplesPerSecond() != out.getSamplesPerSecond()) {
     if (!IResamplerFactory::s_DefaultFactory) return false;
     // A pair the factory does not serve leaves no resampler; opening goes on.
-    m_resampler = IResamplerFactory::s_DefaultFactory->createResampler(in.getSamplesPerSecond(),
-                                                                       out.getSamplesPerSecond());
+    // The resampler goes back to this factory, even if the host has set
+    // another default by then.
+    m_resamplerFactory = IResamplerFactory::s_DefaultFactory;
+    m_resampler = m_resamplerFactory->createResampler(in.getSamplesPerSecond(), out.getSamplesPerSecond());
   }
   if (openIn(in) && openOut(out)) return true;
   close();
@@ -45,6 +61,7 @@ bool TransCoder::openSide(const AudioFormat& format, bool encoderSide) {
   if (format.getChannels() != 1) return false;
   Codec*& codec = encoderSide ? m_outCodec : m_inCodec;
   AudioFormat& sideFormat = encoderSide ? m_outFormat : m_inFormat;
+  if (!encoderSide) m_heldCount = 0;
   // Same code and channels: restart the engine already held.
   if (codec && sideFormat == format) return codec->init();
   destroy(codec);
@@ -65,14 +82,16 @@ bool TransCoder::openOut(const AudioFormat& format) { return openSide(format, tr
 bool TransCoder::close() {
   destroy(m_inCodec);
   destroy(m_outCodec);
-  if (m_resampler && IResamplerFactory::s_DefaultFactory)
-    IResamplerFactory::s_DefaultFactory->releaseResampler(m_resampler);
+  if (m_resampler && m_resamplerFactory) m_resamplerFactory->releaseResampler(m_resampler);
   m_resampler = nullptr;
+  m_resamplerFactory = nullptr;
+  m_heldCount = 0;
   return true;
 }
 
 bool TransCoder::closeIn() {
   destroy(m_inCodec);
+  m_heldCount = 0;
   return true;
 }
 
@@ -82,16 +101,60 @@ bool TransCoder::closeOut() {
 }
 
 bool TransCoder::reopen() { return reopenIn() && reopenOut(); }
-bool TransCoder::reopenIn() { return m_inCodec ? m_inCodec->init() : true; }
+bool TransCoder::reopenIn() {
+  m_heldCount = 0;
+  return m_inCodec ? m_inCodec->init() : true;
+}
 bool TransCoder::reopenOut() { return m_outCodec ? m_outCodec->init() : true; }
+
+// The input bytes the next decode hands the input codec: the held partial
+// frame and inBytes, cut to whole frames where the codec needs them.
+uint32 TransCoder::decodableBytes(uint32 inBytes) const {
+  const uint32 frame = m_inCodec ? wholeFrameBytes(m_inFormat, kMaxHeldBytes) : 0;
+  if (frame == 0) return inBytes;
+  const uint64_t whole = (static_cast<uint64_t>(m_heldCount) + inBytes) / frame * frame;
+  return static_cast<uint32>(std::min<uint64_t>(whole, UINT32_MAX / frame * frame));
+}
+
+// Decodes the held partial frame completed from `in`, then the whole frames
+// of the rest of `in`, and keeps the partial frame that remains.
+uint32 TransCoder::decodeWholeFrames(const uint8* in, uint32& inBytes, int16* out, uint32 outCapacity) {
+  const uint32 frame = wholeFrameBytes(m_inFormat, kMaxHeldBytes);
+  if (frame == 0) return m_inCodec->decode(in, inBytes, out, outCapacity);
+  const uint32 given = inBytes;
+  uint32 offset = 0;
+  uint32 written = 0;
+  if (m_heldCount) {
+    offset = std::min(frame - m_heldCount, given);
+    if (offset) std::memcpy(m_held + m_heldCount, in, offset);
+    m_heldCount += offset;
+    if (m_heldCount < frame) return 0;
+    m_heldCount = 0;
+    uint32 count = frame;
+    // The room of exactly one frame: some codecs insist on it.
+    const uint32 room = std::min(outCapacity, m_inFormat.bytesToSamples(frame) * 2);
+    written = m_inCodec->decode(m_held, count, out, room);
+    inBytes = count;
+  }
+  const uint32 whole = (given - offset) / frame * frame;
+  if (whole) {
+    uint32 count = whole;
+    const uint32 room = outCapacity > written ? outCapacity - written : 0;
+    written += m_inCodec->decode(in + offset, count, out + written / 2, room);
+    inBytes = count;
+  }
+  m_heldCount = given - offset - whole;
+  if (m_heldCount) std::memcpy(m_held, in + offset + whole, m_heldCount);
+  return written;
+}
 
 uint32 TransCoder::transcode(const uint8* in, uint32& inBytes, uint8* out, uint32 outCapacity) {
   if (m_inCodec && m_outCodec) {
-    const uint32 n = m_inFormat.bytesToSamples(inBytes) * 2;
+    const uint32 n = m_inFormat.bytesToSamples(decodableBytes(inBytes)) * 2;
     growPcmBuffer(n);
     if (n && !m_pcm.getBuffer()) return 0;
     int16* pcm = reinterpret_cast<int16*>(m_pcm.getBuffer());
-    uint32 count = m_inCodec->decode(in, inBytes, pcm, n);
+    uint32 count = decodeWholeFrames(in, inBytes, pcm, n);
     if (m_resampler) {
       uint32 m = m_resampler->getOutputCount(count);
       m_resampled.setBufferSize(m, false);
@@ -117,12 +180,12 @@ uint32 TransCoder::transcode(const uint8* in, uint32& inBytes, uint8* out, uint3
     return m_outCodec->encode(resampled, m, out, outCapacity);
   }
   if (m_inCodec) {
-    if (!m_resampler) return m_inCodec->decode(in, inBytes, reinterpret_cast<int16*>(out), outCapacity);
-    const uint32 n = m_inFormat.bytesToSamples(inBytes) * 2;
+    if (!m_resampler) return decodeWholeFrames(in, inBytes, reinterpret_cast<int16*>(out), outCapacity);
+    const uint32 n = m_inFormat.bytesToSamples(decodableBytes(inBytes)) * 2;
     growPcmBuffer(n);
     if (n && !m_pcm.getBuffer()) return 0;
     int16* pcm = reinterpret_cast<int16*>(m_pcm.getBuffer());
-    const uint32 d = m_inCodec->decode(in, inBytes, pcm, n);
+    const uint32 d = decodeWholeFrames(in, inBytes, pcm, n);
     uint32 produced = outCapacity;
     m_resampler->resample(pcm, d, reinterpret_cast<int16*>(out), produced);
     return produced;
