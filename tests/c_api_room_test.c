@@ -53,8 +53,9 @@ static unsigned room_for(const struct room_rule* r, unsigned* held, unsigned n) 
   return 2 * r->frameSamples * (total / r->frameBytes);
 }
 
-/* One stream of `size` random bytes in chunks of 0..maxChunk bytes. */
-static int run_stream(const struct room_rule* r, unsigned size, unsigned maxChunk) {
+/* One stream of `size` random bytes in chunks of 0..maxChunk units of
+ * `unit` bytes. */
+static int run_stream(const struct room_rule* r, unsigned size, unsigned maxChunk, unsigned unit) {
   quillon_decoder_handle h = decoder_create(r->code);
   if (!h || !decoder_open(h, 100)) {
     fprintf(stderr, "code %d: no decoder\n", r->code);
@@ -68,7 +69,7 @@ static int run_stream(const struct room_rule* r, unsigned size, unsigned maxChun
   unsigned held = 0;
   unsigned offset = 0;
   while (offset < size) {
-    unsigned n = next_random() % (maxChunk + 1);
+    unsigned n = next_random() % (maxChunk + 1) * unit;
     if (n > size - offset) n = size - offset;
     const unsigned room = room_for(r, &held, n);
     /* Never a null output, even with no room: the codecLib codes ignore
@@ -100,7 +101,10 @@ int main(void) {
   const unsigned maxChunks[] = {7, 40, 400, 2000};
   for (size_t i = 0; i < sizeof kRules / sizeof kRules[0]; i++)
     for (size_t k = 0; k < sizeof maxChunks / sizeof maxChunks[0]; k++)
-      failures += run_stream(&kRules[i], 6000, maxChunks[k]);
+      failures += run_stream(&kRules[i], 6000, maxChunks[k], 1);
+  /* ICELP48 fills its room exactly when every call carries whole frames. */
+  const struct room_rule icelpWhole = {30, 18, 240, 0, 1};
+  failures += run_stream(&icelpWhole, 18 * 300, 20, 18);
   if (failures) fprintf(stderr, "%d calls outside their room\n", failures);
   else printf("every call stayed inside its room\n");
   return failures ? 1 : 0;
