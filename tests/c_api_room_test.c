@@ -12,7 +12,8 @@
 #include <string.h>
 
 /* The README's rule for one code. A call of n bytes, with `held` bytes kept
- * back by earlier calls, needs room for the whole frames in held + n:
+ * back by earlier calls, needs room for the whole frames in held + n (a
+ * "frame" of one byte for the codes decoded byte by byte):
  * 2 * frameSamples * ((held + n) / frameBytes) bytes, and keeps
  * (held + n) % frameBytes back. A call of fewer than minChunk bytes writes
  * nothing and drops what was held. frameBytes 0: the input is copied. */
@@ -25,11 +26,11 @@ struct room_rule {
 };
 
 static const struct room_rule kRules[] = {
-    {1, 8, 8, 0, 1},     {2, 8, 8, 0, 1},     {3, 5, 8, 0, 1},     {4, 4, 8, 0, 1},
-    {5, 3, 8, 0, 1},     {6, 2, 8, 0, 1},     {13, 5, 8, 0, 1},    {14, 4, 8, 0, 1},
-    {15, 3, 8, 0, 1},    {16, 2, 8, 0, 1},    {20, 10, 80, 10, 1}, {30, 18, 240, 0, 0},
+    {1, 1, 1, 0, 1},     {2, 1, 1, 0, 1},     {3, 5, 8, 0, 1},     {4, 1, 2, 0, 1},
+    {5, 3, 8, 0, 1},     {6, 1, 4, 0, 1},     {13, 5, 8, 0, 1},    {14, 1, 2, 0, 1},
+    {15, 3, 8, 0, 1},    {16, 1, 4, 0, 1},    {20, 10, 80, 10, 1}, {30, 18, 240, 0, 0},
     {40, 18, 240, 0, 1}, {50, 160, 320, 80, 1}, {51, 160, 320, 80, 1}, {52, 160, 320, 80, 1},
-    {100, 0, 0, 0, 1},   {102, 8, 8, 0, 1},
+    {100, 0, 0, 0, 1},   {102, 1, 1, 0, 1},
 };
 
 static unsigned s_seed = 0x2545F491u;

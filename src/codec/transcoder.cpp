@@ -11,13 +11,23 @@ bool isPcm16(const AudioFormat& f) {
   return f.getCompression() == CT_PCM16 || f.getCompression() == CT_PCM16_16K;
 }
 // The frame size in which the input codec must be handed its input, or 0
-// when it takes any count of bytes. The codecLib G.729 codec joins a partial
-// frame to the next call inside its engine, and must see each call's input
-// at once to be offered that call's room.
+// when it takes any count of bytes: G.711, 8-bit PCM and G.726 at 32 and
+// 16 kbit/s decode byte by byte (a G.726 group of those rates is one byte),
+// and the codecLib G.729 codec joins a partial frame to the next call inside
+// its engine (it must see each call's input at once to be offered that
+// call's room). TETRA, ICELP48 and G.726 at 40 and 24 kbit/s (5- and 3-byte
+// groups) need whole frames.
 uint32 wholeFrameBytes(const AudioFormat& f, uint32 limit) {
+  switch (f.getCompression()) {
+    case CT_G711_ALAW: case CT_G711_ULAW: case CT_PCM8:
+    case CT_G726_32: case CT_G726_16: case CT_G726_32_LSB: case CT_G726_16_LSB:
+    case CT_G729:
+      return 0;
+    default:
+      break;
+  }
   const uint32 frame = f.getBytesPerFrame();
-  if (frame <= 1 || frame > limit || f.getCompression() == CT_G729) return 0;
-  return frame;
+  return frame <= 1 || frame > limit ? 0 : frame;
 }
 void destroy(Codec*& codec) {
   if (codec) {
