@@ -55,12 +55,13 @@ TransCoder::~TransCoder() { close(); }
 
 bool TransCoder::open(const AudioFormat& in, const AudioFormat& out) {
   if (in.getSamplesPerSecond() != out.getSamplesPerSecond()) {
-    if (!IResamplerFactory::s_DefaultFactory) return false;
+    IResamplerFactory* const factory = IResamplerFactory::s_DefaultFactory;
+    if (!factory) return false;
     // A pair the factory does not serve leaves no resampler; opening goes on.
     // The resampler goes back to this factory, even if the host has set
     // another default by then.
-    m_resamplerFactory = IResamplerFactory::s_DefaultFactory;
-    m_resampler = m_resamplerFactory->createResampler(in.getSamplesPerSecond(), out.getSamplesPerSecond());
+    m_resamplerFactory = factory;
+    m_resampler = factory->createResampler(in.getSamplesPerSecond(), out.getSamplesPerSecond());
   }
   if (openIn(in) && openOut(out)) return true;
   close();
