@@ -17,17 +17,14 @@ void* operator new(size_t n) {
   if (void* p = std::malloc(n ? n : 1)) return p;
   throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, size_t) noexcept { std::free(p); }
-// Every other form too: the library allocates with new (std::nothrow), and
-// a form left to the runtime would hand sanitizer-allocated memory to the
-// free above.
 void* operator new(size_t n, const std::nothrow_t&) noexcept {
   if (g_active.load(std::memory_order_relaxed) > 0) g_count++;
   return std::malloc(n ? n : 1);
 }
 void* operator new[](size_t n) { return operator new(n); }
-void* operator new[](size_t n, const std::nothrow_t& t) noexcept { return operator new(n, t); }
+void* operator new[](size_t n, const std::nothrow_t& tag) noexcept { return operator new(n, tag); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, size_t) noexcept { std::free(p); }
 void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
 void operator delete[](void* p) noexcept { std::free(p); }
 void operator delete[](void* p, size_t) noexcept { std::free(p); }
