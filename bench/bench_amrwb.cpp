@@ -16,15 +16,7 @@ std::vector<std::vector<uint8_t>> loadFrames(const std::string& name, int mode) 
   std::vector<std::vector<uint8_t>> frames;
   const auto dir = quillon::test::vectorsSubdir("amrwb");
   if (!dir.empty()) {
-    const std::vector<uint8_t> s = quillon::test::readFile(dir / (name + ".amrwb"));
-    size_t p = 0;
-    while (p + 2 <= s.size()) {
-      const size_t n = static_cast<size_t>(s[p] | (s[p + 1] << 8));
-      p += 2;
-      if (n == 0 || p + n > s.size()) break;
-      frames.emplace_back(s.begin() + static_cast<long>(p), s.begin() + static_cast<long>(p + n));
-      p += n;
-    }
+    frames = quillon::test::splitFrames(quillon::test::readFile(dir / (name + ".amrwb")));
   }
   if (frames.empty()) {
     uint32_t x = 1;

@@ -17,22 +17,10 @@ using quillon::amrwb::Decoder;
 using quillon::amrwb::Encoder;
 using quillon::test::readFile;
 using quillon::test::readPcm16;
+using quillon::test::splitFrames;
 using namespace quillon::codeclib;
 
 namespace {
-
-std::vector<std::vector<uint8_t>> splitFrames(const std::vector<uint8_t>& s) {
-  std::vector<std::vector<uint8_t>> frames;
-  size_t p = 0;
-  while (p + 2 <= s.size()) {
-    const int n = static_cast<int16_t>(s[p] | (s[p + 1] << 8));
-    p += 2;
-    if (n < 0 || p + static_cast<size_t>(n) > s.size()) break;
-    frames.emplace_back(s.begin() + static_cast<long>(p), s.begin() + static_cast<long>(p + n));
-    p += static_cast<size_t>(n);
-  }
-  return frames;
-}
 
 // Encodes `pcm` and returns the index of the first frame that differs from
 // `expected` (-1 when all match and the counts agree).

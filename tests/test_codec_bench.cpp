@@ -11,6 +11,7 @@
 
 #include "codeclib_fake.h"
 #include "quillon/codec_bench.h"
+#include "test_support.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define QUILLON_TEST_LSAN 1
@@ -61,11 +62,6 @@ class BenchRun {
   fs::path old_;
 };
 
-std::vector<char> readAll(const fs::path& p) {
-  std::ifstream f(p, std::ios::binary);
-  return std::vector<char>(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
-}
-
 // The text with each run of digits after `mark` (and a space) shown as '#'.
 std::string withoutDigitsAfter(const std::string& text, char mark) {
   std::string r;
@@ -106,7 +102,7 @@ TEST(CodecBench, EncodesOnceAndDecodesTheChosenNumberOfTimes) {
             "Duration testCodecLibG729A Encoding :#\n"
             "size2 10  retsize 0  size1 158\n"
             "Duration testCodecLibG729A Decoding: #\n");
-  EXPECT_EQ(readAll("testVectors/outencoded.g729").size(), 10u);
+  EXPECT_EQ(quillon::test::readFile("testVectors/outencoded.g729").size(), 10u);
   EXPECT_TRUE(fs::exists("testVectors/testCodecLibG729A.pcm"));
   EXPECT_EQ(fs::file_size("testVectors/testCodecLibG729A.pcm"), 0u);
 
@@ -124,7 +120,7 @@ TEST(CodecBench, EncodesOnceAndDecodesTheChosenNumberOfTimes) {
   std::ofstream("testVectors/sample16.pcm", std::ios::binary).write(pcm.data(), pcm.size());
   text = r.run(1);
   EXPECT_NE(text.find("size2 0  retsize 0  size1 40\n"), std::string::npos) << text;
-  EXPECT_EQ(readAll("testVectors/outencoded.g729").size(), 60u);
+  EXPECT_EQ(quillon::test::readFile("testVectors/outencoded.g729").size(), 60u);
 }
 
 #ifndef _WIN32

@@ -32,7 +32,6 @@ void checkFolder(const fs::path& dir, size_t minStreams) {
     if (entry.path().extension() != ".g729") continue;
     fs::path ref = entry.path();
     ref.replace_extension(".pcm");
-    if (!fs::exists(ref)) continue;
     const std::vector<uint8_t> stream = quillon::test::readFile(entry.path());
     ASSERT_EQ(stream.size() % Decoder::kFrameBytes, 0u) << entry.path();
     const std::vector<int16_t> got = decodePacked(stream);

@@ -35,7 +35,6 @@ TEST(G729AEncoder, ItuAnnexAVectors) {
   int checked = 0;
   for (const char* name : {"ALGTHM", "FIXED", "LSP", "PITCH", "SPEECH", "TAME", "TEST"}) {
     const fs::path in = dir / "orig" / (std::string(name) + ".IN");
-    if (!fs::exists(in)) continue;
     const std::vector<uint8_t> got = encodeAll(quillon::test::readPcm16(in));
     const std::vector<uint8_t> want = quillon::test::readFile(dir / (std::string(name) + ".g729"));
     EXPECT_EQ(firstFrameMismatch(got, want), -1) << name;
@@ -51,7 +50,6 @@ TEST(G729AEncoder, ReferenceEncoderStreams) {
     if (entry.path().extension() != ".s16") continue;
     fs::path ref = entry.path();
     ref.replace_extension(".enc.g729");
-    if (!fs::exists(ref)) continue;
     const std::vector<uint8_t> got = encodeAll(quillon::test::readPcm16(entry.path()));
     EXPECT_EQ(firstFrameMismatch(got, quillon::test::readFile(ref)), -1) << entry.path().filename();
     checked++;

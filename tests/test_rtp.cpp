@@ -612,8 +612,7 @@ TEST(RtpStreamTimeline, UnpulledAudioIsDroppedOldestFirstAndCounted) {
 // SILK: the conformance streams, one SILK packet per RTP packet, decode to
 // the reference output.
 TEST(RtpStreamSilk, ConformanceStreamsAsRtpMatchTheReference) {
-  const auto dir = quillon::test::vectorsSubdir("silk");
-  if (dir.empty()) GTEST_SKIP() << "no SILK vectors";
+  QUILLON_REQUIRE_VECTORS(dir, "silk");
   for (const auto& [name, msPerPacket] : {std::pair<const char*, uint32_t>{"o01_hts1_api8k_nb_20ms_6k_cx0", 20},
                                           {"o02_hts2_api8k_nb_40ms_10k", 40}}) {
     const auto coded = quillon::test::readFile(dir / (std::string(name) + ".silk"));
