@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <map>
 #include <mutex>
+#include <memory>
 #include <vector>
 
 #include "quillon/codec.h"
@@ -71,7 +72,8 @@ bool isPcm(CompressionType code) { return code == CT_PCM16 || code == CT_PCM16_1
 
 bool tryDecode(CompressionType code) {
   const AudioFormat f(code, 1);
-  Codec* d = Codec::getCodec(f, false);
+  // Freed however the trial ends: a fatal library error passes through here.
+  const std::unique_ptr<Codec> d(Codec::getCodec(f, false));
   if (!d) return false;
   bool ok = true;
   if (f.getBytesPerFrame() != 0) {
@@ -81,7 +83,6 @@ bool tryDecode(CompressionType code) {
     ok = d->decode(frames.data(), inBytes, pcm.data(), static_cast<uint32_t>(pcm.size())) > 0;
   }
   d->close();
-  delete d;
   return ok;
 }
 
