@@ -36,7 +36,9 @@ class QueuedSource : public StreamSource {
       m_head = 0;
       if (!produce()) m_done = true;
     }
+    // At the end the queue may be empty, with no storage to copy from.
     const size_t n = std::min(bytes, m_out.size() - m_head);
+    if (n == 0) return 0;
     std::memcpy(buffer, m_out.data() + m_head, n);
     m_head += n;
     return n;
