@@ -65,11 +65,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (t.feed == Feed::Frames) given -= given % t.frameBytes;
     if (given == 0) continue;
     const uint32_t room = kBytesPerByte * given + kEngineFrame;
-    std::vector<int16_t> out(room);  // room bytes offered, twice that allocated
+    const auto out = std::make_unique_for_overwrite<int16_t[]>(room);  // room bytes offered, twice that allocated
     // A copy of exactly the bytes given, so that reads past them are caught.
     const std::vector<uint8_t> in(held.begin(), held.begin() + given);
     uint32_t inBytes = given;
-    const uint32_t written = codec->decode(in.data(), inBytes, out.data(), room);
+    const uint32_t written = codec->decode(in.data(), inBytes, out.get(), room);
     if (written > 2 * room) __builtin_trap();
     size_t used = given;
     if (t.feed == Feed::Prefixed) used = inBytes <= given ? given - inBytes : given;

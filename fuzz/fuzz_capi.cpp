@@ -5,7 +5,7 @@
 // engine frame, and the answer must stay within it.
 #include <algorithm>
 #include <cstdint>
-#include <vector>
+#include <memory>
 
 #include "quillon/decoder.h"
 #include "quillon/quillon_c.h"
@@ -37,8 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       const uint32_t n = static_cast<uint32_t>(std::min<size_t>(data[pos], size - pos - 1));
       pos++;
       const uint32_t room = 2 * decoder->getOutputSize(n) + kEngineFrame;
-      std::vector<uint8_t> out(room);
-      const unsigned written = decode_decode(h, data + pos, out.data(), n);
+      const auto out = std::make_unique_for_overwrite<uint8_t[]>(room);
+      const unsigned written = decode_decode(h, data + pos, out.get(), n);
       if (written > room) __builtin_trap();
       pos += n;
     }

@@ -25,7 +25,9 @@ spread() {
   ((units >= count)) || return 0
   mkdir -p "$out/$t"
   for ((k = 0; k < seeds; k++)); do
-    { bytes "$@"; piece "$f" $(((units - count) * k / seeds * unit)) $((unit * count)); } >"$out/$t/$(basename "$f").$k"
+    local sel="$*"
+    { bytes "$@"; piece "$f" $(((units - count) * k / seeds * unit)) $((unit * count)); } \
+      >"$out/$t/$(basename "$f").$k${sel:+.${sel// /-}}"
   done
 }
 
@@ -120,19 +122,22 @@ done
 for f in "$vec"/g729a/*.g729 "$vec"/g729/*.g729; do spread fuzz_g729a "$f" 10 4 0; done
 for f in "$vec"/g729-itu/*.g729 "$vec"/g729/*.g729; do
   [ -f "$f" ] || continue
-  # Speech records: a kind byte (0) before each 10-byte frame.
+  # Speech records for a decoder variant (selector 0-2): a kind byte (0)
+  # before each 10-byte frame; packets for descriptor 24, 26, 27 (3-5).
   units=$(($(fsize "$f") / 10))
   ((units >= 3)) || continue
   mkdir -p "$out/fuzz_g729b"
   for ((k = 0; k < seeds; k++)); do
     at=$(((units - 3) * k / seeds * 10))
-    { for i in 0 10 20; do byte 0; piece "$f" $((at + i)) 10; done; } >"$out/fuzz_g729b/$(basename "$f").$k"
+    { byte $((k % 3)); for i in 0 10 20; do byte 0; piece "$f" $((at + i)) 10; done; } >"$out/fuzz_g729b/$(basename "$f").$k"
+    { byte $((3 + k % 3)); byte 20; piece "$f" "$at" 20; byte 10; piece "$f" $((at + 20)) 10; } \
+      >"$out/fuzz_g729b/$(basename "$f").packets.$k"
   done
 done
-for f in "$vec"/g729/*.s16; do spread fuzz_g729b "$f" 160 1; done
+for f in "$vec"/g729/*.s16; do for sel in 6 7 8; do spread fuzz_g729b "$f" 160 1 "$sel"; done; done
 for f in "$vec"/tetra/*.tet; do spread fuzz_tetra "$f" 18 3 1; done
 for f in "$vec"/silk/*.silk; do prefixed fuzz_silk "$f" 3 0; done
-for f in "$vec"/opus/*.opus; do prefixed fuzz_opus "$f" 3 0 3; done
+for f in "$vec"/opus/*.opus; do prefixed fuzz_opus "$f" 3 0; done
 for f in "$vec"/g711/*.alaw "$vec"/g711/*.ulaw; do spread fuzz_waveform "$f" 160 2 $((RANDOM % 25)); done
 for f in "$vec"/g729/*.s16; do spread fuzz_msadpcm "$f" 505 2 $((RANDOM & 255)); done
 for f in "$vec"/g722/*.g722; do chunked fuzz_codeclib "$f" 320 37 9; done   # G.722 mode 1 decoder
