@@ -47,24 +47,22 @@ void engines(int variant, const uint8_t* data, size_t size) {
 
 void front(int variant, const uint8_t* data, size_t size) {
   static constexpr int32_t kIds[] = {cl::kCodecG729, cl::kCodecG729AB, cl::kCodecG729B};
-  {
-    const int32_t id = kIds[variant];
-    cl::HandleRes* h = nullptr;
-    if (cl::codecLibOpen(&h, id, cl::kDirDecoder, 0) != 0) return;
-    cl::CodecLibOptions options{};
-    cl::codecLibQuery(&h, id, cl::kDirDecoder, nullptr, &options, 0);
-    std::vector<int16_t> out(80 * 40);
-    size_t pos = 0;
-    for (int records = 0; pos < size && records < kMaxRecords; records++) {
-      // Packets of 0 to 22 bytes with room for every frame in them.
-      const size_t len = std::min<size_t>(data[pos] % 23, size - pos - 1);
-      pos++;
-      int32_t n = static_cast<int32_t>(len), room = static_cast<int32_t>(out.size());
-      cl::codecLibDecode(&h, data + pos, &n, out.data(), &room, &options, 0);
-      pos += len;
-    }
-    cl::codecLibClose(&h, 0);
+  const int32_t id = kIds[variant];
+  cl::HandleRes* h = nullptr;
+  if (cl::codecLibOpen(&h, id, cl::kDirDecoder, 0) != 0) return;
+  cl::CodecLibOptions options{};
+  cl::codecLibQuery(&h, id, cl::kDirDecoder, nullptr, &options, 0);
+  std::vector<int16_t> out(80 * 40);
+  size_t pos = 0;
+  for (int records = 0; pos < size && records < kMaxRecords; records++) {
+    // Packets of 0 to 22 bytes with room for every frame in them.
+    const size_t len = std::min<size_t>(data[pos] % 23, size - pos - 1);
+    pos++;
+    int32_t n = static_cast<int32_t>(len), room = static_cast<int32_t>(out.size());
+    cl::codecLibDecode(&h, data + pos, &n, out.data(), &room, &options, 0);
+    pos += len;
   }
+  cl::codecLibClose(&h, 0);
 }
 
 void encoders(int variant, const uint8_t* data, size_t size) {
