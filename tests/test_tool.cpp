@@ -1,6 +1,5 @@
 // The quillon tool end to end, and its stream pipeline.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include "codecs/waveform/g711.h"
 #include "pipeline.h"
 #include "test_support.h"
+#include "tool_fixture.h"
 
 namespace fs = std::filesystem;
 using namespace TAV;
@@ -18,31 +18,8 @@ using quillon::test::readFile;
 
 namespace {
 
-class ToolTest : public ::testing::Test {
+class ToolTest : public quillon::test::ToolFixture {
  protected:
-  void SetUp() override {
-    dir = fs::temp_directory_path() / ("quillon-tool-" + std::to_string(::getpid()) + "-" +
-                                       ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::create_directories(dir);
-  }
-  void TearDown() override { fs::remove_all(dir); }
-
-  // Runs the tool; returns its exit status, stderr in `err`.
-  int run(const std::string& args, std::string* err = nullptr) {
-    const fs::path errFile = dir / "stderr.txt";
-    const std::string cmd = std::string(QUILLON_TOOL_PATH) + " " + args + " >/dev/null 2>" + errFile.string();
-    const int status = std::system(cmd.c_str());
-    if (err) {
-      std::ifstream f(errFile);
-      err->assign(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
-  void writeBytes(const fs::path& p, const std::vector<uint8_t>& b) {
-    std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
-  }
-
   void writeWav(const fs::path& p, const std::vector<int16_t>& pcm, uint32_t rate, uint16_t channels = 1,
                 uint16_t bits = 16) {
     WaveHeader h{};
@@ -55,8 +32,6 @@ class ToolTest : public ::testing::Test {
     bytes.insert(bytes.end(), s, s + pcm.size() * 2);
     writeBytes(p, bytes);
   }
-
-  fs::path dir;
 };
 
 std::vector<int16_t> wavSamples(const std::vector<uint8_t>& file) {
@@ -185,20 +160,10 @@ TEST_F(ToolTest, DecodesAnHourInBoundedMemory) {
     for (size_t i = 0; i < block.size(); i++) block[i] = static_cast<char>(i * 31);
     for (int minute = 0; minute < 60; minute++) f.write(block.data(), static_cast<std::streamsize>(block.size()));
   }
-  const pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    execl(QUILLON_TOOL_PATH, "quillon", "decode", "--codec", "alaw", in.c_str(), (dir / "hour.wav").c_str(),
-          static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  int status = 0;
-  struct rusage usage {};
-  ASSERT_EQ(wait4(pid, &status, 0, &usage), pid);
-  ASSERT_TRUE(WIFEXITED(status));
-  ASSERT_EQ(WEXITSTATUS(status), 0);
+  long peak = 0;
+  ASSERT_EQ(runMeasured({"decode", "--codec", "alaw", in.string(), (dir / "hour.wav").string()}, peak), 0);
   EXPECT_EQ(fs::file_size(dir / "hour.wav"), 44u + 2u * 8000u * 3600u);
-  EXPECT_LT(usage.ru_maxrss, 20 * 1024) << "peak resident set in KiB";
+  EXPECT_LT(peak, 20 * 1024) << "peak resident set in KiB";
 }
 
 TEST(DecodePipeline, AnyChunkingGivesTheSameOutput) {

@@ -53,6 +53,10 @@ int runDecodeCommand(int argc, char** argv) {
       options.raw = true;
     } else if (a == "--api") {
       options.useApi = true;
+    } else if (a == "--channels" && i + 1 < argc) {
+      if (!parseChannelMode(argv[++i], options.channels))
+        return usageError("decode", std::string("--channels must be mix, left, right, split or stereo, not '") +
+                                        argv[i] + "'");
     } else if (!a.empty() && a[0] == '-' && a != "-") {
       return usageError("decode", "unknown or incomplete option '" + a + "'");
     } else {
@@ -62,9 +66,12 @@ int runDecodeCommand(int argc, char** argv) {
   if (files.size() != 2) return usageError("decode", "expected INPUT and OUTPUT");
   ConvertResult result;
   std::string error;
-  if (!convertFile(files[0], files[1], options, result, error)) return fail(error);
+  const bool ok = convertFile(files[0], files[1], options, result, error);
+  for (const std::string& w : result.warnings) std::fprintf(stderr, "quillon: warning: %s\n", w.c_str());
+  if (!ok) return result.usage ? usageError("decode", error) : fail(error);
   if (!options.haveCodec)
-    std::fprintf(stderr, "quillon: %s: %s, %s\n", files[0].c_str(), result.probe.container.c_str(),
+    std::fprintf(stderr, "quillon: %s: %s, %s\n", files[0] == "-" ? "standard input" : files[0].c_str(),
+                 result.probe.container.c_str(),
                  codecName(result.code).c_str());
   if (result.leftoverBytes)
     std::fprintf(stderr, "quillon: warning: %zu trailing bytes do not make a whole frame or packet and were not decoded\n",
@@ -79,6 +86,7 @@ int runProbeCommand(int argc, char** argv) {
   if (!probeFile(argv[1], probe, error)) return fail(error);
   std::printf("file:      %s\ncontainer: %s\n", argv[1], probe.container.c_str());
   if (!probe.detail.empty()) std::printf("details:   %s\n", probe.detail.c_str());
+  if (probe.container != "raw") std::printf("channels:  %u\n", probe.channels);
   if (!probe.refusal.empty()) {
     std::printf("decodable: no (%s)\n", probe.refusal.c_str());
     return 1;
@@ -124,13 +132,15 @@ int runEncodeCommand(int argc, char** argv) {
   std::string error;
   WavReader wav;
   if (!wav.open(files[0], error)) return fail(error);
-  if (wav.formatTag != 1 || wav.bitsPerSample != 16)
-    return fail(files[0] + ": only 16-bit PCM WAVE input is accepted (format tag " + std::to_string(wav.formatTag) +
-                ", " + std::to_string(wav.bitsPerSample) + " bits)");
-  if (wav.channels != 1) return fail(files[0] + ": only mono input is accepted (" + std::to_string(wav.channels) + " channels)");
+  const WaveFormat& in = wav.format();
+  if (in.formatTag != 1 || in.bitsPerSample != 16)
+    return fail(files[0] + ": only 16-bit PCM WAVE input is accepted (format tag " + std::to_string(in.formatTag) +
+                ", " + std::to_string(in.bitsPerSample) + " bits)");
+  if (in.channels != 1) return fail(files[0] + ": only mono input is accepted (" + std::to_string(in.channels) + " channels)");
+  if (!in.warning.empty()) std::fprintf(stderr, "quillon: warning: %s\n", in.warning.c_str());
 
   EncodePipeline pipeline;
-  if (!pipeline.open(code, wav.sampleRate, error, encodeOptions)) return fail(error);
+  if (!pipeline.open(code, in.sampleRate, error, encodeOptions)) return fail(error);
   const AudioFormat outFormat(code, 1);
   OutputFile::Header header = OutputFile::Header::None;
   if (hasWaveDescription(code)) header = code == CT_MSADPCM ? OutputFile::Header::MsAdpcm : OutputFile::Header::Plain;
@@ -141,6 +151,7 @@ int runEncodeCommand(int argc, char** argv) {
   std::vector<uint8_t> coded;
   std::vector<int16_t> pcm;
   size_t carry = 0;  // an odd byte left from the previous read
+  uint64_t samplesIn = 0;
   int status = 0;
   for (;;) {
     const size_t n = wav.read(chunk.data() + carry, chunk.size() - carry);
@@ -151,6 +162,7 @@ int runEncodeCommand(int argc, char** argv) {
     for (size_t i = 0; i < samples; i++) pcm[i] = static_cast<int16_t>(chunk[2 * i] | (chunk[2 * i + 1] << 8));
     carry = total & 1;
     if (carry) chunk[0] = chunk[total - 1];
+    samplesIn += samples;
     coded.clear();
     pipeline.feed(pcm.data(), pcm.size(), coded);
     if (!output.write(coded.data(), coded.size())) {
@@ -163,6 +175,8 @@ int runEncodeCommand(int argc, char** argv) {
     pipeline.flush(coded);
     if (!output.write(coded.data(), coded.size())) status = fail("cannot write " + files[1]);
   }
+  // Sample frames at the codec's rate, for the MS ADPCM fact chunk.
+  output.setSampleFrames(samplesIn * outFormat.getSamplesPerSecond() / in.sampleRate);
   if (!output.finish(error)) return fail(error);
   return status;
 }

@@ -19,6 +19,8 @@ constexpr size_t kMaxPacketCarry = 2 * (32767 + 2);
 // packet whose output does not fit, so each call gets only as many whole
 // packets as surely fit (see packetOutputBound).
 constexpr uint32_t kPacketOutCapacity = 256 * 1024;
+// Empty Opus packets (a second of concealment each) worth a warning.
+constexpr uint64_t kEmptyPacketWarning = 30;
 
 // The most PCM bytes one packet of `length` bytes can yield.
 uint32_t packetOutputBound(CompressionType c, int length) {
@@ -77,6 +79,8 @@ bool DecodePipeline::open(const DecodeOptions& options, std::string& error) {
   // The G.722 engine works in 20 ms frames of 160 bytes; whole frames keep
   // every call's output within the room the transcoder offers.
   m_unit = isG722(options.code) ? 160 : m_inFormat.getBytesPerFrame();
+  if (options.code == CT_G711_ALAW || options.code == CT_G711_ULAW || options.code == CT_PCM8) m_sampleBytes = 1;
+  if (options.code == CT_PCM16 || options.code == CT_PCM16_16K) m_sampleBytes = 2;
   const bool halve = m_outRate != native;
 
   if (options.useApi) {
@@ -112,12 +116,19 @@ bool DecodePipeline::open(const DecodeOptions& options, std::string& error) {
   return true;
 }
 
-void DecodePipeline::emit(const int16_t* pcm, size_t samples, std::vector<int16_t>& out) {
-  if (m_halver) m_halver->process(pcm, samples, out);
-  else out.insert(out.end(), pcm, pcm + samples);
+bool DecodePipeline::emit(const int16_t* pcm, size_t samples, const PcmSink& sink, std::string& error) {
+  if (m_halver) {
+    m_halved.clear();
+    m_halver->process(pcm, samples, m_halved);
+    pcm = m_halved.data();
+    samples = m_halved.size();
+  }
+  if (samples == 0 || sink(pcm, samples)) return true;
+  if (error.empty()) error = "the decoded samples could not be written";
+  return false;
 }
 
-bool DecodePipeline::decodeSlice(const uint8_t* data, uint32_t bytes, std::vector<int16_t>& out, std::string&) {
+bool DecodePipeline::decodeSlice(const uint8_t* data, uint32_t bytes, const PcmSink& sink, std::string& error) {
   // Exactly the output of these whole frames (some codecs insist on it);
   // the buffer is twice that, as some engines take the byte capacity for a
   // sample count.
@@ -132,8 +143,7 @@ bool DecodePipeline::decodeSlice(const uint8_t* data, uint32_t bytes, std::vecto
     produced = m_transcoder->transcode(data, inBytes, m_outBuffer.data(), capacity);
   }
   m_consumed += bytes;
-  emit(reinterpret_cast<const int16_t*>(m_outBuffer.data()), produced / 2, out);
-  return true;
+  return emit(reinterpret_cast<const int16_t*>(m_outBuffer.data()), produced / 2, sink, error);
 }
 
 // The end of the longest run of whole packets from `offset` whose output
@@ -159,7 +169,27 @@ size_t DecodePipeline::packetSliceEnd(size_t offset, bool final) const {
   return end;
 }
 
-bool DecodePipeline::decodePackets(std::vector<int16_t>& out, bool final, std::string& error) {
+// Each empty Opus packet decodes to a second of concealment (the codec's
+// documented behaviour): a stream of many is worth a warning.
+void DecodePipeline::countEmptyPackets(size_t offset, size_t bytes) {
+  const size_t end = offset + bytes;
+  while (end - offset >= 2) {
+    const int length = static_cast<int16_t>(m_pending[offset] | (m_pending[offset + 1] << 8));
+    if (length < 0) break;
+    m_packetCount++;
+    if (length == 0) m_emptyPackets++;
+    offset += 2 + static_cast<size_t>(length);
+  }
+  if (!m_warnedEmpty && m_emptyPackets >= kEmptyPacketWarning && m_emptyPackets * 2 > m_packetCount) {
+    m_warnedEmpty = true;
+    m_warnings.push_back("the stream holds at least " + std::to_string(m_emptyPackets) + " empty packets out of " +
+                         std::to_string(m_packetCount) +
+                         ": each decodes to one second of concealment, so the output may be far longer than the "
+                         "input suggests (it is written as it is made)");
+  }
+}
+
+bool DecodePipeline::decodePackets(const PcmSink& sink, bool final, std::string& error) {
   m_outBuffer.resize(2 * static_cast<size_t>(kPacketOutCapacity));
   size_t offset = 0;
   for (;;) {
@@ -171,9 +201,10 @@ bool DecodePipeline::decodePackets(std::vector<int16_t>& out, bool final, std::s
         m_transcoder->transcode(m_pending.data() + offset, left, m_outBuffer.data(), kPacketOutCapacity);
     const uint32_t used = left <= available ? available - left : 0;
     if (produced == 0 && used == 0) break;
+    if (m_options.code == CT_OPUS) countEmptyPackets(offset, used);
     offset += used;
     m_consumed += used;
-    emit(reinterpret_cast<const int16_t*>(m_outBuffer.data()), produced / 2, out);
+    if (!emit(reinterpret_cast<const int16_t*>(m_outBuffer.data()), produced / 2, sink, error)) return false;
   }
   m_pending.erase(m_pending.begin(), m_pending.begin() + static_cast<std::ptrdiff_t>(offset));
   if (m_pending.size() > kMaxPacketCarry) {
@@ -184,27 +215,51 @@ bool DecodePipeline::decodePackets(std::vector<int16_t>& out, bool final, std::s
   return true;
 }
 
-bool DecodePipeline::finish(std::vector<int16_t>& out, std::string& error) {
-  if (m_packets) return decodePackets(out, true, error);
-  if (isG722(m_options.code) && !m_pending.empty()) {
-    // G.722 decodes byte by byte (each byte gives two samples): pad the last
-    // engine frame with silence and keep only what the real bytes gave.
-    const size_t real = m_pending.size();
-    m_pending.resize(m_unit, 0);
-    std::vector<int16_t> tail;
-    if (!decodeSlice(m_pending.data(), m_unit, tail, error)) return false;
-    const size_t keep = std::min(tail.size(), real * 2 * m_outRate / 16000);
-    out.insert(out.end(), tail.begin(), tail.begin() + static_cast<std::ptrdiff_t>(keep));
-    m_consumed -= m_unit - real;
-    m_pending.clear();
-  }
-  return true;
+bool DecodePipeline::finish(const PcmSink& sink, std::string& error) {
+  if (m_packets) return decodePackets(sink, true, error);
+  // A stream of samples (or G.722, whose every byte gives two samples) has
+  // no partial frame: pad the last engine frame and keep only what the
+  // real bytes gave.
+  const size_t granule = m_sampleBytes ? m_sampleBytes : isG722(m_options.code) ? 1 : 0;
+  const size_t real = granule ? m_pending.size() - m_pending.size() % granule : 0;
+  if (real == 0) return true;
+  const uint32_t native = m_inFormat.getSamplesPerSecond();
+  const size_t nativeSamples = m_sampleBytes ? real / m_sampleBytes : real * 2;
+  const size_t keep = nativeSamples * m_outRate / native;
+  std::vector<uint8_t> frame(m_pending.begin(), m_pending.begin() + static_cast<std::ptrdiff_t>(real));
+  frame.resize(m_unit, 0);
+  std::vector<int16_t> tail;
+  const PcmSink collect = [&tail](const int16_t* pcm, size_t samples) {
+    tail.insert(tail.end(), pcm, pcm + samples);
+    return true;
+  };
+  if (!decodeSlice(frame.data(), m_unit, collect, error)) return false;
+  m_consumed -= m_unit - real;
+  m_pending.erase(m_pending.begin(), m_pending.begin() + static_cast<std::ptrdiff_t>(real));
+  const size_t n = std::min(tail.size(), keep);
+  if (n == 0 || sink(tail.data(), n)) return true;
+  if (error.empty()) error = "the decoded samples could not be written";
+  return false;
 }
 
 bool DecodePipeline::feed(const uint8_t* data, size_t bytes, std::vector<int16_t>& out, std::string& error) {
+  return feed(data, bytes, [&out](const int16_t* pcm, size_t samples) {
+    out.insert(out.end(), pcm, pcm + samples);
+    return true;
+  }, error);
+}
+
+bool DecodePipeline::finish(std::vector<int16_t>& out, std::string& error) {
+  return finish([&out](const int16_t* pcm, size_t samples) {
+    out.insert(out.end(), pcm, pcm + samples);
+    return true;
+  }, error);
+}
+
+bool DecodePipeline::feed(const uint8_t* data, size_t bytes, const PcmSink& sink, std::string& error) {
   if (m_packets) {
     m_pending.insert(m_pending.end(), data, data + bytes);
-    return decodePackets(out, false, error);
+    return decodePackets(sink, false, error);
   }
   const uint32_t slice = std::max<uint32_t>(1, kSliceTarget / m_unit) * m_unit;
   // Complete the frame held back from the previous call first.
@@ -214,12 +269,12 @@ bool DecodePipeline::feed(const uint8_t* data, size_t bytes, std::vector<int16_t
     data += need;
     bytes -= need;
     if (m_pending.size() < m_unit) return true;
-    if (!decodeSlice(m_pending.data(), m_unit, out, error)) return false;
+    if (!decodeSlice(m_pending.data(), m_unit, sink, error)) return false;
     m_pending.clear();
   }
   while (bytes >= m_unit) {
     const uint32_t n = static_cast<uint32_t>(std::min<size_t>(slice, bytes - bytes % m_unit));
-    if (!decodeSlice(data, n, out, error)) return false;
+    if (!decodeSlice(data, n, sink, error)) return false;
     data += n;
     bytes -= n;
   }

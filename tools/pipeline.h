@@ -5,6 +5,7 @@
 #define QUILLON_TOOLS_PIPELINE_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -35,25 +36,35 @@ struct DecodeOptions {
   bool useApi = false; // through the plain C exports instead of TAV::TransCoder
 };
 
+// Receives decoded PCM as it is made; false stops the decode.
+using PcmSink = std::function<bool(const int16_t* pcm, size_t samples)>;
+
 class DecodePipeline {
  public:
   ~DecodePipeline();
   bool open(const DecodeOptions& options, std::string& error);
   uint32_t outputRate() const { return m_outRate; }
-  // Decodes what `bytes` completes; PCM is appended to `out`. False with
-  // `error` set when the stream cannot go on.
-  bool feed(const uint8_t* data, size_t bytes, std::vector<int16_t>& out, std::string& error);
+  // Decodes what `bytes` completes, handing PCM to `sink` in pieces of
+  // bounded size whatever the input holds. False with `error` set when the
+  // stream cannot go on (or the sink refused).
+  bool feed(const uint8_t* data, size_t bytes, const PcmSink& sink, std::string& error);
   // The end of the stream: decodes what was held back waiting for more input.
+  bool finish(const PcmSink& sink, std::string& error);
+  // The same, appending all PCM to `out`.
+  bool feed(const uint8_t* data, size_t bytes, std::vector<int16_t>& out, std::string& error);
   bool finish(std::vector<int16_t>& out, std::string& error);
   // Bytes held back at the end of the stream (a partial frame or packet).
   size_t leftoverBytes() const { return m_pending.size(); }
   uint64_t consumedBytes() const { return m_consumed; }
+  // Things about the stream worth a warning (each said once).
+  const std::vector<std::string>& warnings() const { return m_warnings; }
 
  private:
-  bool decodeSlice(const uint8_t* data, uint32_t bytes, std::vector<int16_t>& out, std::string& error);
-  bool decodePackets(std::vector<int16_t>& out, bool final, std::string& error);
+  bool decodeSlice(const uint8_t* data, uint32_t bytes, const PcmSink& sink, std::string& error);
+  bool decodePackets(const PcmSink& sink, bool final, std::string& error);
   size_t packetSliceEnd(size_t offset, bool final) const;
-  void emit(const int16_t* pcm, size_t samples, std::vector<int16_t>& out);
+  void countEmptyPackets(size_t offset, size_t bytes);
+  bool emit(const int16_t* pcm, size_t samples, const PcmSink& sink, std::string& error);
 
   DecodeOptions m_options;
   TAV::AudioFormat m_inFormat;
@@ -65,7 +76,12 @@ class DecodePipeline {
   uint32_t m_outRate = 0;
   std::vector<uint8_t> m_pending;
   std::vector<uint8_t> m_outBuffer;
+  std::vector<int16_t> m_halved;
   uint64_t m_consumed = 0;
+  uint32_t m_sampleBytes = 0;  // a stream of samples (G.711, PCM): bytes per sample; else 0
+  uint64_t m_packetCount = 0, m_emptyPackets = 0;
+  bool m_warnedEmpty = false;
+  std::vector<std::string> m_warnings;
 };
 
 // Codec settings of an encode that only some codecs take.
