@@ -82,7 +82,8 @@ chunked() {
 
 # wave NAME TAG CHANNELS RATE BITS ALIGN FILE BYTES [EXTRA]: a RIFF/WAVE file
 # holding BYTES bytes of FILE; EXTRA: list (a LIST chunk first), fact, odd
-# (an odd-sized chunk with its pad byte), ext (WAVE_FORMAT_EXTENSIBLE).
+# (an odd-sized chunk with its pad byte), ext (WAVE_FORMAT_EXTENSIBLE),
+# rf64 (RF64 with its ds64 chunk), streamed (lengths left at 0xFFFFFFFF).
 wave() {
   local name=$1 tag=$2 ch=$3 rate=$4 bits=$5 align=$6 f=$7 n=$8 extra=${9:-}
   [ -f "$f" ] || return 0
@@ -90,17 +91,27 @@ wave() {
   [ "$extra" = ext ] && fmt=40
   local riff=$((4 + 8 + fmt + 8 + n + (n & 1)))
   case $extra in list) riff=$((riff + 12)) ;; fact) riff=$((riff + 12)) ;; odd) riff=$((riff + 14)) ;; esac
+  local data=$n
   mkdir -p "$out/fuzz_wav"
   {
-    printf RIFF; le32 "$riff"; printf WAVE
+    if [ "$extra" = rf64 ]; then
+      printf RF64; le32 4294967295; printf WAVE
+      printf ds64; le32 28; le32 $((riff + 36)); le32 0; le32 "$n"; le32 0; le32 $((n / align)); le32 0; le32 0
+      data=4294967295
+    elif [ "$extra" = streamed ]; then
+      printf RIFF; le32 4294967295; printf WAVE
+      data=4294967295
+    else
+      printf RIFF; le32 "$riff"; printf WAVE
+    fi
     [ "$extra" = list ] && { printf LIST; le32 4; printf INFO; }
     printf 'fmt '; le32 "$fmt"
     if [ "$extra" = ext ]; then le16 65534; else le16 "$tag"; fi
     le16 "$ch"; le32 "$rate"; le32 $((rate * align)); le16 "$align"; le16 "$bits"
-    [ "$extra" = ext ] && { le16 22; le16 "$bits"; le32 4; le16 "$tag"; bytes 0 0 16 0 128 0 0 170 0 56 155 113; }
+    [ "$extra" = ext ] && { le16 22; le16 "$bits"; le32 4; le16 "$tag"; bytes 0 0 0 0 16 0 128 0 0 170 0 56 155 113; }
     [ "$extra" = fact ] && { printf fact; le32 4; le32 $((n * 8 / bits)); }
     [ "$extra" = odd ] && { printf junk; le32 5; bytes 1 2 3 4 5 0; }
-    printf data; le32 "$n"; piece "$f" 4000 "$n"
+    printf data; le32 "$data"; piece "$f" 4000 "$n"
     ((n & 1)) && byte 0
     true
   } >"$out/fuzz_wav/$name${extra:+-$extra}.wav"
@@ -177,6 +188,8 @@ wave pcm16 1 1 8000 16 2 "$vec/g729/hts12.s16" 640
 wave pcm16 1 1 8000 16 2 "$vec/g729/hts12.s16" 640 list
 wave pcm16 1 1 8000 16 2 "$vec/g729/hts12.s16" 640 ext
 wave pcm16k 1 1 16000 16 2 "$vec/amrwb/orig16k-mode0.pcm" 640 odd
+wave pcm16k 1 1 16000 16 2 "$vec/amrwb/orig16k-mode0.pcm" 640 rf64
+wave alaw 6 1 8000 8 1 "$vec/g711/hts12-a.alaw" 320 streamed
 wave pcm8 1 1 8000 8 1 "$vec/g711/hts12-a.alaw" 321
 wave alaw 6 1 8000 8 1 "$vec/g711/hts12-a.alaw" 320 fact
 wave ulaw 7 1 8000 8 1 "$vec/g711/hts12-u.ulaw" 320
