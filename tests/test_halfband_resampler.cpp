@@ -40,7 +40,7 @@ TEST(HalfbandResampler, RejectsAliasesAndKeepsTheVoiceBand) {
   IResampler* h = halfband.createResampler(16000, 8000);
   ASSERT_NE(h, nullptr);
   EXPECT_EQ(halfband.createResampler(8000, 16000), nullptr);
-  IResampler* mean = IResamplerFactory::s_DefaultFactory->createResampler(16000, 8000);
+  IResampler* mean = IResamplerFactory::s_DefaultFactory.load()->createResampler(16000, 8000);
   // A 5 kHz tone would fold to 3 kHz at 8 kHz: the pair mean lets it through
   // at about -5 dB, the half-band filter removes it.
   static_cast<HalfbandResampler16to8*>(h)->reset();

@@ -13,5 +13,7 @@ int runBatchCommand(int argc, char** argv);
 int runTextCommand(int argc, char** argv);
 // quillon host
 int runHostCommand(int argc, char** argv);
+// quillon capture [options] CAPTURE...
+int runCaptureCommand(int argc, char** argv);
 
 #endif

@@ -34,6 +34,11 @@ void printHelp() {
       "      (16000 Hz input), --mode 0..8 picks 6.60 to 23.85 kbit/s (default 2,\n"
       "      12.65 kbit/s) and --dtx sends SID/NO_DATA frames in speech pauses;\n"
       "      the output is the length-prefixed frame stream 'decode --codec amrwb' reads.\n"
+      "  capture [--out DIR] [--split] [--force] [--dry-run] [--report csv|json] [--pt PT=NAME]\n"
+      "          [--sdp FILE] [--rate 8000|16000|48000] CAPTURE...\n"
+      "      decode the RTP calls of pcap/pcapng captures ('-': standard input) to\n"
+      "      one stereo WAVE per call (caller left), or one mono WAVE per stream\n"
+      "      with --split; SIP/SDP in the capture, --sdp or --pt describe payloads.\n"
       "  text --from NAME --to NAME [--filter upper|lower|sort] [IN [OUT]]\n"
       "      convert text between character sets (standard input/output by default).\n"
       "  host\n"
@@ -75,6 +80,7 @@ int main(int argc, char** argv) {
   if (std::strcmp(command, "batch") == 0) return runBatchCommand(subArgc, subArgv);
   if (std::strcmp(command, "text") == 0) return runTextCommand(subArgc, subArgv);
   if (std::strcmp(command, "host") == 0) return runHostCommand(subArgc, subArgv);
+  if (std::strcmp(command, "capture") == 0) return runCaptureCommand(subArgc, subArgv);
   if (std::strcmp(command, "help") == 0 || std::strcmp(command, "--help") == 0 || std::strcmp(command, "-h") == 0) {
     printHelp();
     return 0;

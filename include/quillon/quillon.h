@@ -13,6 +13,7 @@
 #include "quillon/ring_buffer.h"
 #include "quillon/halfband_resampler.h"
 #include "quillon/trace.h"
+#include "quillon/fatal_error.h"
 #include "quillon/codecs/codec_g711.h"
 #include "quillon/codecs/codec_pcm_linear.h"
 #include "quillon/codecs/codec_opus.h"

@@ -28,6 +28,20 @@ QUILLON_API int QUILLON_STDCALL decoder_close(quillon_decoder_handle handle);
 /* Closes and destroys the decoder; accepts 0; returns non-zero. */
 QUILLON_API int QUILLON_STDCALL decoder_release(quillon_decoder_handle handle);
 
+/* Called instead of ending the process when the library meets a fatal error
+ * (a failed trace write in the G.729/G.722/AMR-WB engine front, a division
+ * the G.729 arithmetic cannot do). `message` is the text the library would
+ * have printed, `status` the exit status it would have ended with. When the
+ * handler returns, the failing call is abandoned: the C functions above
+ * return their error value (decode_decode 0, decoder_create 0), the C++
+ * classes throw TAV::FatalError, and the codec that failed is reset. */
+typedef void (QUILLON_STDCALL* quillon_fatal_handler)(const char* message, int status, void* context);
+/* Installs `handler` with `context` for every thread (null: back to the
+ * default, which prints the message to the trace sink and ends the process);
+ * returns the previous handler. */
+QUILLON_API quillon_fatal_handler QUILLON_STDCALL quillon_set_fatal_handler(quillon_fatal_handler handler,
+                                                                          void* context);
+
 #ifdef __cplusplus
 }
 #endif

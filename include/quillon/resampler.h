@@ -2,6 +2,8 @@
 #ifndef QUILLON_RESAMPLER_H
 #define QUILLON_RESAMPLER_H
 
+#include <atomic>
+
 #include "quillon/platform.h"
 
 namespace TAV {
@@ -25,7 +27,9 @@ class QUILLON_API IResamplerFactory {
 
   // The factory every transcoder takes its resampler from; points at the
   // library's own 16 kHz -> 8 kHz factory until the host replaces it.
-  static IResamplerFactory* s_DefaultFactory;
+  // Atomic, so that a host may replace it while decoders on other threads
+  // read it; plain assignment and reading work as for a pointer.
+  static std::atomic<IResamplerFactory*> s_DefaultFactory;
 };
 
 // Halves 16 kHz to 8 kHz by averaging each pair of samples; stateless.

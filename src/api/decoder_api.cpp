@@ -7,6 +7,17 @@ using TAV::Decoder;
 
 namespace {
 Decoder* fromHandle(quillon_decoder_handle h) { return reinterpret_cast<Decoder*>(h); }
+
+// No exception crosses into a C caller: a fatal error the host's handler
+// has seen, or a failed allocation, becomes the call's error value.
+template <class Result, class Call>
+Result guarded(Result onError, Call&& call) {
+  try {
+    return call();
+  } catch (...) {
+    return onError;
+  }
+}
 }  // namespace
 
 // Recording files number the G.726 rates one step apart from the library.
@@ -30,24 +41,26 @@ extern "C" QUILLON_API int QUILLON_STDCALL FileToAPICompression(int fileCode) {
 }
 
 extern "C" QUILLON_API quillon_decoder_handle QUILLON_STDCALL decoder_create(int apiCode) {
-  AudioFormat format(static_cast<CompressionType>(apiCode), 1);
-  return reinterpret_cast<quillon_decoder_handle>(Decoder::getDecoder(format));
+  return guarded<quillon_decoder_handle>(0, [&] {
+    AudioFormat format(static_cast<CompressionType>(apiCode), 1);
+    return reinterpret_cast<quillon_decoder_handle>(Decoder::getDecoder(format));
+  });
 }
 
 extern "C" QUILLON_API int QUILLON_STDCALL decoder_open(quillon_decoder_handle handle, int outApiCode) {
-  return fromHandle(handle)->open(AudioFormat(static_cast<CompressionType>(outApiCode), 1)) ? 1 : 0;
+  return guarded(0, [&] { return fromHandle(handle)->open(AudioFormat(static_cast<CompressionType>(outApiCode), 1)) ? 1 : 0; });
 }
 
 extern "C" QUILLON_API unsigned int QUILLON_STDCALL decode_decode(quillon_decoder_handle handle, const uint8_t* in,
                                                                   uint8_t* out, unsigned int inBytes) {
-  return fromHandle(handle)->decode(in, out, inBytes);
+  return guarded(0u, [&] { return fromHandle(handle)->decode(in, out, inBytes); });
 }
 
 extern "C" QUILLON_API int QUILLON_STDCALL decoder_close(quillon_decoder_handle handle) {
-  fromHandle(handle)->close();
+  guarded(0, [&] { return fromHandle(handle)->close() ? 1 : 0; });
   return 1;
 }
 
 extern "C" QUILLON_API int QUILLON_STDCALL decoder_release(quillon_decoder_handle handle) {
-  return Decoder::releaseDecoder(fromHandle(handle)) ? 1 : 0;
+  return guarded(0, [&] { return Decoder::releaseDecoder(fromHandle(handle)) ? 1 : 0; });
 }

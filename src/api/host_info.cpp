@@ -1,5 +1,7 @@
 // Host and session information exports and the version values.
+#include <atomic>
 #include <cstdio>
+#include <mutex>
 #include <cstring>
 #include <vector>
 
@@ -13,15 +15,19 @@ constexpr uint32_t kVersionHigh = 80;
 constexpr uint32_t kVersionLow = 0;
 constexpr uint32_t kVersionBuild = 0;
 
-// Set once the socket layer runs with version 1.1. A plain byte, as
-// everything here is called from the caller's one thread.
-unsigned char s_winsockStarted = 0;
+// Set once the socket layer runs with version 1.1. Callers on several
+// threads may ask at once: one of them starts it, a refused start is tried
+// again on the next call.
+std::atomic<bool> s_winsockStarted{false};
+std::mutex s_winsockLock;
 
 void startSocketLayer() {
-  if (s_winsockStarted) return;
+  if (s_winsockStarted.load(std::memory_order_acquire)) return;
+  std::lock_guard<std::mutex> hold(s_winsockLock);
+  if (s_winsockStarted.load(std::memory_order_relaxed)) return;
   uint16_t granted = 0;
   if (!quillon::host::socketStartup(0x0101, granted)) return;  // not reported
-  if ((granted & 0xFF) == 1 && (granted >> 8) == 1) s_winsockStarted = 1;
+  if ((granted & 0xFF) == 1 && (granted >> 8) == 1) s_winsockStarted.store(true, std::memory_order_release);
   else quillon::host::socketCleanup();
 }
 

@@ -9,7 +9,7 @@ namespace {
 DefaultResamplerFactory g_defaultFactory;
 }
 
-IResamplerFactory* IResamplerFactory::s_DefaultFactory = &g_defaultFactory;
+std::atomic<IResamplerFactory*> IResamplerFactory::s_DefaultFactory{&g_defaultFactory};
 
 uint32 DefaultResampler16to8::getOutputCount(uint32 count) { return count >> 1; }
 

@@ -69,8 +69,12 @@ void RingBuffer::setBufferSize(unsigned int size) {
   unsigned char* grown = new (std::nothrow) unsigned char[size];
   if (!grown) return;
   if (m_data) {
-    read(grown, bytesToRead());
+    // Once the writer has wrapped behind the reader the readable count can
+    // exceed the storage; the move takes no more than the new storage holds.
+    const uint32 held = bytesToRead();
+    read(grown, held < size ? held : size);
     delete[] m_data;
+    m_readPos = 0;
     m_writePos = 0;
   }
   m_data = grown;

@@ -1,21 +1,25 @@
 #include "codec/trace.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 
 namespace {
-// Standard output unless the host chose otherwise; `discard` records an
-// explicit null so that the default is not taken again.
-FILE* g_sink = nullptr;
-bool g_discard = false;
+// Null means standard output; the address of `g_discardTag` records an
+// explicit null from the host, so that the default is not taken again.
+// Decoders on any thread read the sink while the host may set it.
+char g_discardTag;
+FILE* const kDiscard = reinterpret_cast<FILE*>(&g_discardTag);
+std::atomic<FILE*> g_sink{nullptr};
 }  // namespace
 
-extern "C" void quillon_set_trace_sink(FILE* sink) {
-  g_sink = sink;
-  g_discard = sink == nullptr;
-}
+extern "C" void quillon_set_trace_sink(FILE* sink) { g_sink.store(sink ? sink : kDiscard); }
 
-extern "C" FILE* quillon_trace_sink(void) { return g_discard ? nullptr : (g_sink ? g_sink : stdout); }
+extern "C" FILE* quillon_trace_sink(void) {
+  FILE* sink = g_sink.load();
+  if (sink == kDiscard) return nullptr;
+  return sink ? sink : stdout;
+}
 
 namespace quillon {
 

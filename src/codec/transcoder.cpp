@@ -31,10 +31,10 @@ TransCoder::~TransCoder() { close(); }
 
 bool TransCoder::open(const AudioFormat& in, const AudioFormat& out) {
   if (in.getSamplesPerSecond() != out.getSamplesPerSecond()) {
-    if (!IResamplerFactory::s_DefaultFactory) return false;
+    IResamplerFactory* const factory = IResamplerFactory::s_DefaultFactory;
+    if (!factory) return false;
     // A pair the factory does not serve leaves no resampler; opening goes on.
-    m_resampler = IResamplerFactory::s_DefaultFactory->createResampler(in.getSamplesPerSecond(),
-                                                                       out.getSamplesPerSecond());
+    m_resampler = factory->createResampler(in.getSamplesPerSecond(), out.getSamplesPerSecond());
   }
   if (openIn(in) && openOut(out)) return true;
   close();
@@ -65,8 +65,8 @@ bool TransCoder::openOut(const AudioFormat& format) { return openSide(format, tr
 bool TransCoder::close() {
   destroy(m_inCodec);
   destroy(m_outCodec);
-  if (m_resampler && IResamplerFactory::s_DefaultFactory)
-    IResamplerFactory::s_DefaultFactory->releaseResampler(m_resampler);
+  IResamplerFactory* const factory = IResamplerFactory::s_DefaultFactory;
+  if (m_resampler && factory) factory->releaseResampler(m_resampler);
   m_resampler = nullptr;
   return true;
 }

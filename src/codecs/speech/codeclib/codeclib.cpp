@@ -1,34 +1,43 @@
 #include "codecs/speech/codeclib/codeclib.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <mutex>
 
+#include "codec/fatal.h"
 #include "codec/trace.h"
 
 namespace quillon::codeclib {
 
 namespace {
 
-// The process-wide descriptor table, filled on first use.
+// The process-wide descriptor table, filled on first use. The first use
+// may come from several threads at once: the fill runs exactly once, and
+// the marker is published only after the table is complete.
 CodecDescriptor s_descriptors[kCodecCount];
-int32 s_initMarker = 0;
+std::atomic<int32> s_initMarker{0};
+std::once_flag s_initOnce;
 
 constexpr int16 kTraceLevel = 3;  // lines are written above this level
 
-// Ends the process after a trace line could not be printed.
+// A trace line that could not be printed ends the process (or, with a
+// fatal-error handler installed, the call).
 void codecLibPrintProblem(bool failed) {
-  if (!failed) return;
-  tracePrintf("codecLib_printf problem \n");
-  std::exit(1);
+  if (failed) raiseFatal(1, "codecLib_printf problem \n");
 }
 
 bool validCodecId(int32 codecId) { return static_cast<uint32>(codecId) < static_cast<uint32>(kCodecCount); }
 
 void ensureInit(int16 trace) {
-  if (s_initMarker != kInitMarker) CodecMngInit(trace);
+  if (s_initMarker.load(std::memory_order_acquire) == kInitMarker) return;
+  std::call_once(s_initOnce, [trace] {
+    if (s_initMarker.load(std::memory_order_acquire) != kInitMarker) CodecMngInit(trace);
+  });
 }
 
 // The handle as the trace lines show it (a 32-bit word).
@@ -102,16 +111,18 @@ void codecLibPrintf(const char* format, ...) {
   } while (0)
 
 void CodecMngInit(int16 trace) {
+  // The fill prints nothing, so the table is complete (and the marker set)
+  // before the version lines: a failed print cannot leave it half-filled.
   for (CodecDescriptor& d : s_descriptors) d = CodecDescriptor{};
-  s_initMarker = kInitMarker;
-  CL_TRACE(" codecLib Version %d.%d.%d \n", kVersionMajor, kVersionMinor, kVersionPatch);
-  CL_TRACE("In CodecMngInit\n");
   fillAmrWbDescriptor(s_descriptors[kCodecAmrWb]);
   fillG722Descriptor(s_descriptors[kCodecG722]);
   fillG729ADescriptor(s_descriptors[kCodecG729A]);
   fillG729Descriptor(s_descriptors[kCodecG729]);
   fillG729ABDescriptor(s_descriptors[kCodecG729AB]);
   fillG729BDescriptor(s_descriptors[kCodecG729B]);
+  s_initMarker.store(kInitMarker, std::memory_order_release);
+  CL_TRACE(" codecLib Version %d.%d.%d \n", kVersionMajor, kVersionMinor, kVersionPatch);
+  CL_TRACE("In CodecMngInit\n");
 }
 
 CodecDescriptor* codecLibDescriptor(int32 codecId) {
@@ -120,7 +131,9 @@ CodecDescriptor* codecLibDescriptor(int32 codecId) {
   return &s_descriptors[codecId];
 }
 
-int32 codecLibOpen(HandleRes** handle, int32 codecId, int32 direction, int16 trace) {
+namespace {
+
+int32 openHandle(HandleRes** handle, int32 codecId, int32 direction, int16 trace) {
   CL_TRACE("In codecLibOpen\n");
   if (!validCodecId(codecId) || !handle) return kErrOpen;
   ensureInit(trace);
@@ -167,8 +180,34 @@ int32 codecLibOpen(HandleRes** handle, int32 codecId, int32 direction, int16 tra
   return d.open(h, trace);
 }
 
+}  // namespace
+
+// A fatal error part-way through leaves no handle behind.
+int32 codecLibOpen(HandleRes** handle, int32 codecId, int32 direction, int16 trace) {
+  HandleRes* const before = handle ? *handle : nullptr;
+  try {
+    return openHandle(handle, codecId, direction, trace);
+  } catch (...) {
+    HandleRes* h = handle ? *handle : nullptr;
+    if (h && h != before) {
+      const CodecDescriptor& d = s_descriptors[h->codecId];
+      if (h->engineState && d.close) d.close(h, 0);
+      std::free(h->leftOverInpBuf);
+      std::free(h);
+      *handle = nullptr;
+    }
+    throw;
+  }
+}
+
 int32 codecLibClose(HandleRes** handle, int16 trace) {
-  CL_TRACE("In codecLibClose\n");
+  // The handle is released even when its trace line cannot be printed.
+  std::exception_ptr failure;
+  try {
+    CL_TRACE("In codecLibClose\n");
+  } catch (...) {
+    failure = std::current_exception();
+  }
   HandleRes* h = handle ? *handle : nullptr;
   if (!h) return 0;
   const CodecDescriptor& d = s_descriptors[h->codecId];
@@ -177,6 +216,7 @@ int32 codecLibClose(HandleRes** handle, int16 trace) {
   if (h->convBufCnt != 0) std::free(h->convBuf);
   std::free(h->leftOverInpBuf);
   std::free(h);
+  if (failure) std::rethrow_exception(failure);
   return result;
 }
 
@@ -198,8 +238,10 @@ int32 codecLibReset(HandleRes** handle) {
   return d.reset ? d.reset(h) : kOk;
 }
 
-int32 codecLibEncode(HandleRes** handle, const int16* in, int32* inSamples, uint8* out,
-                     int32* outBytes, CodecLibOptions* options, int16 trace) {
+namespace {
+
+int32 encodeCall(HandleRes** handle, const int16* in, int32* inSamples, uint8* out, int32* outBytes,
+                 CodecLibOptions* options, int16 trace) {
   HandleRes* h = handle ? *handle : nullptr;
   CL_TRACE("In codecLibEncode\n");
   CL_TRACE("HandleRes = %x\n", handleWord(h));
@@ -313,8 +355,8 @@ int32 codecLibEncode(HandleRes** handle, const int16* in, int32* inSamples, uint
   return error;
 }
 
-int32 codecLibDecode(HandleRes** handle, const uint8* in, int32* inBytes, int16* out,
-                     int32* outSamples, CodecLibOptions* options, int16 trace) {
+int32 decodeCall(HandleRes** handle, const uint8* in, int32* inBytes, int16* out, int32* outSamples,
+                 CodecLibOptions* options, int16 trace) {
   HandleRes* h = handle ? *handle : nullptr;
   BadFrameReset clearBadFrame{options};
   CL_TRACE("In codecLibDecode\n");
@@ -420,6 +462,34 @@ int32 codecLibDecode(HandleRes** handle, const uint8* in, int32* inBytes, int16*
   CL_TRACE("codecLibDecode:leftOverInpBufCnt = %d\n", static_cast<int32>(total));
   *inBytes = count;
   return error;
+}
+
+// A fatal error part-way through a call leaves the handle as just opened:
+// no leftover input and a reset engine.
+void resetAfterFatal(HandleRes** handle) {
+  if (handle && *handle) codecLibReset(handle);
+}
+
+}  // namespace
+
+int32 codecLibEncode(HandleRes** handle, const int16* in, int32* inSamples, uint8* out, int32* outBytes,
+                     CodecLibOptions* options, int16 trace) {
+  try {
+    return encodeCall(handle, in, inSamples, out, outBytes, options, trace);
+  } catch (...) {
+    resetAfterFatal(handle);
+    throw;
+  }
+}
+
+int32 codecLibDecode(HandleRes** handle, const uint8* in, int32* inBytes, int16* out, int32* outSamples,
+                     CodecLibOptions* options, int16 trace) {
+  try {
+    return decodeCall(handle, in, inBytes, out, outSamples, options, trace);
+  } catch (...) {
+    resetAfterFatal(handle);
+    throw;
+  }
 }
 
 }  // namespace quillon::codeclib

@@ -34,10 +34,16 @@ uint32 CodecG729A::decode(const uint8* in, uint32& inBytes, int16* out, uint32 /
   const uint32 words = inBytes / 2;
   if (words == 0) return 0;
   const uint32 frames = (words - 1) / 5 + 1;
-  for (uint32 f = 0; f < frames; f++) {
-    m_decoder->decode(in, out);
-    in += Decoder::kFrameBytes;
-    out += Decoder::kFrameSamples;
+  try {
+    for (uint32 f = 0; f < frames; f++) {
+      m_decoder->decode(in, out);
+      in += Decoder::kFrameBytes;
+      out += Decoder::kFrameSamples;
+    }
+  } catch (...) {
+    // A fatal error mid-stream leaves the decoder as just opened.
+    m_decoder->reset();
+    throw;
   }
   inBytes += 2 * (5 * frames - words);
   return frames * Decoder::kFrameSamples * 2;

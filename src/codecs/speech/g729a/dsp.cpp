@@ -1,8 +1,9 @@
 #include "codecs/speech/g729a/dsp.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <cstdio>
 
+#include "codec/fatal.h"
 #include "codec/trace.h"
 #include "codecs/speech/g729a/tables.h"
 
@@ -10,13 +11,11 @@ namespace quillon::g729a {
 
 Word16 Dsp::div_s(Word16 num, Word16 den) {
   if (num > den || num < 0 || den < 0) {
-    tracePrintf("Division Error var1=%d  var2=%d\n", num, den);
-    std::exit(0);
+    char line[64];
+    std::snprintf(line, sizeof line, "Division Error var1=%d  var2=%d\n", num, den);
+    raiseFatal(0, line);
   }
-  if (den == 0) {
-    tracePrintf("Division by 0, Fatal error \n");
-    std::exit(0);
-  }
+  if (den == 0) raiseFatal(0, "Division by 0, Fatal error \n");
   return fx::BasicOps::div_s(num, den);
 }
 
