@@ -1,9 +1,6 @@
 #include "capture_session.h"
 
-#include <fcntl.h>
 #include <pcap/pcap.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,6 +10,7 @@
 #include <ctime>
 #include <sstream>
 
+#include "output_file.h"
 #include "wav_file.h"
 
 namespace quillon::tool {
@@ -813,49 +811,18 @@ bool CaptureSession::publish(const std::string& name, const std::vector<int16_t>
     return true;
   }
   const std::string dir = m_options.outDir.empty() ? "." : m_options.outDir;
-  std::string target = dir + "/" + name;
-  struct stat st{};
-  if (lstat(target.c_str(), &st) == 0 && !m_options.force) {
-    error = target + " exists (use --force to replace it)";
+  const std::string target = dir + "/" + name;
+  SafeOutput file;
+  if (file.open(target, {m_options.force, false}, {}, error) != SafeOutput::Status::Ok) {
+    if (!m_options.force && error.find(" exists") != std::string::npos) error += " (use --force to replace it)";
     warn(error);
-    return false;
-  }
-  std::string temp;
-  FILE* file = nullptr;
-  for (int attempt = 0; attempt < 100 && !file; attempt++) {
-    const std::string candidate = dir + "/.quillon-capture-" + std::to_string(getpid()) + "-" + std::to_string(attempt) + ".tmp";
-    const int fd = ::open(candidate.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, 0644);
-    if (fd < 0) continue;
-    file = fdopen(fd, "w+b");
-    if (!file) {
-      ::close(fd);
-      ::unlink(candidate.c_str());
-      continue;
-    }
-    temp = candidate;
-  }
-  if (!file) {
-    error = "cannot create a file in " + dir + ": " + std::strerror(errno);
     return false;
   }
   OutputFile out;
   const TAV::AudioFormat format(TAV::CT_PCM16, 1);
-  bool ok = out.open(file, format, rate, OutputFile::Header::Plain, error, static_cast<uint16_t>(channels)) &&
-            out.write(pcm.data(), pcm.size() * sizeof(int16_t)) && out.finish(error);
-  ok = std::fclose(file) == 0 && ok;
-  if (ok) {
-    if (m_options.force) {
-      ok = std::rename(temp.c_str(), target.c_str()) == 0;
-    } else {
-      // link() refuses an existing name, so a file that appeared meanwhile is kept.
-      ok = ::link(temp.c_str(), target.c_str()) == 0;
-      ::unlink(temp.c_str());
-    }
-    if (!ok) error = "cannot create " + target + ": " + std::strerror(errno);
-  } else if (error.empty()) {
-    error = "cannot write " + temp;
-  }
-  if (!ok) ::unlink(temp.c_str());
+  const bool ok = out.open(file.stream(), format, rate, OutputFile::Header::Plain, error,
+                           static_cast<uint16_t>(channels)) &&
+                  out.write(pcm.data(), pcm.size() * sizeof(int16_t)) && out.finish(error) && file.commit(error);
   if (ok) {
     finalName = name;
     m_written.push_back(target);
@@ -921,24 +888,13 @@ bool CaptureSession::writeReport(std::string& error) {
   const std::string text = o.str();
   const std::string dir = m_options.outDir.empty() ? "." : m_options.outDir;
   const std::string target = dir + "/quillon-capture-report." + m_options.report;
-  const std::string temp = dir + "/.quillon-capture-report-" + std::to_string(getpid()) + ".tmp";
-  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0644);
-  if (fd < 0) {
-    error = "cannot create " + temp + ": " + std::strerror(errno);
+  SafeOutput file;
+  if (file.open(target, {m_options.force, false}, {}, error) != SafeOutput::Status::Ok) {
+    if (!m_options.force && error.find(" exists") != std::string::npos) error += " (use --force to replace it)";
     return false;
   }
-  bool ok = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  ok = ::close(fd) == 0 && ok;
-  struct stat st{};
-  if (ok && !m_options.force && lstat(target.c_str(), &st) == 0) {
-    ::unlink(temp.c_str());
-    error = target + " exists (use --force to replace it)";
-    return false;
-  }
-  if (ok) ok = std::rename(temp.c_str(), target.c_str()) == 0;
-  if (!ok) {
-    ::unlink(temp.c_str());
-    error = "cannot write " + target + ": " + std::strerror(errno);
+  if (std::fwrite(text.data(), 1, text.size(), file.stream()) != text.size() || !file.commit(error)) {
+    if (error.empty()) error = "cannot write " + target + ": " + std::strerror(errno);
     return false;
   }
   m_written.push_back(target);

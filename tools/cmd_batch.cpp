@@ -1,4 +1,5 @@
 // quillon batch: every file of a folder tree to WAVE, in parallel.
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,28 +11,17 @@
 #include <thread>
 #include <vector>
 
+#include "batch_plan.h"
 #include "codec_names.h"
 #include "commands.h"
 #include "convert.h"
+#include "output_file.h"
 #include "resampler_choice.h"
 
 namespace fs = std::filesystem;
 using namespace quillon::tool;
 
 namespace {
-
-struct Job {
-  fs::path input;
-  fs::path output;
-};
-
-struct Outcome {
-  bool done = false;
-  bool ok = false;
-  bool skipped = false;
-  std::string reason;
-  double audioSeconds = 0;
-};
 
 int usage(const std::string& message) {
   std::fprintf(stderr, "quillon batch: %s\n(see 'quillon help')\n", message.c_str());
@@ -52,6 +42,8 @@ int runBatchCommand(int argc, char** argv) {
       haveCodecOption = true;
       if (c != "auto") {
         if (!parseCodec(c, options.code)) return usage("unknown codec '" + c + "'");
+        std::string error;
+        if (!checkDecodable(options.code, error)) return usage(error);
         options.haveCodec = true;
       }
     } else if (a == "--jobs" && i + 1 < argc) {
@@ -59,7 +51,7 @@ int runBatchCommand(int argc, char** argv) {
       if (jobs == 0 || jobs > 256) return usage("--jobs needs a number from 1 to 256");
     } else if (a == "--rate" && i + 1 < argc) {
       options.rate = static_cast<uint32_t>(std::strtoul(argv[++i], nullptr, 10));
-      if (options.rate == 0) return usage("--rate needs a number of Hz");
+      if (options.rate != 8000 && options.rate != 16000) return usage("--rate needs 8000 or 16000");
     } else if (a == "--resampler" && i + 1 < argc) {
       if (!selectResampler(argv[++i])) return usage(std::string("unknown resampler '") + argv[i] + "'");
     } else if (a == "--force") {
@@ -72,31 +64,28 @@ int runBatchCommand(int argc, char** argv) {
   }
   if (!haveCodecOption) return usage("--codec CODE or --codec auto is required");
   if (dirs.size() != 2) return usage("expected IN_DIR and OUT_DIR");
+  std::string error;
   const fs::path inDir = dirs[0], outDir = dirs[1];
   std::error_code ec;
   if (!fs::is_directory(inDir, ec)) {
-    std::fprintf(stderr, "quillon: %s is not a folder\n", inDir.string().c_str());
+    std::fprintf(stderr, "quillon batch: %s is not a folder\n", inDir.string().c_str());
     return 1;
   }
-
-  // The work list: every regular file, its output mirrored under OUT_DIR.
-  std::vector<Job> work;
-  const fs::path outAbs = fs::weakly_canonical(outDir, ec);
-  for (auto it = fs::recursive_directory_iterator(inDir, ec); !ec && it != fs::recursive_directory_iterator();
-       it.increment(ec)) {
-    if (!it->is_regular_file()) continue;
-    const fs::path rel = fs::relative(it->path(), inDir);
-    if (fs::weakly_canonical(it->path()).string().rfind(outAbs.string() + "/", 0) == 0) continue;  // our own output
-    fs::path out = outDir / rel;
-    out.replace_extension(".wav");
-    work.push_back({it->path(), out});
-  }
-  if (ec) {
-    std::fprintf(stderr, "quillon: cannot read %s: %s\n", inDir.string().c_str(), ec.message().c_str());
+  bool outInside = false;
+  if (!checkBatchFolders(inDir, outDir, outInside, error)) return usage(error);
+  fs::create_directories(outDir, ec);
+  FileIdentity outId;
+  if (!identifyFile(outDir.string(), outId) || !fs::is_directory(outDir, ec)) {
+    std::fprintf(stderr, "quillon batch: cannot create the folder %s\n", outDir.string().c_str());
     return 1;
   }
+  installInterruptHandlers(true);
 
-  std::vector<Outcome> outcomes(work.size());
+  // The work list, with every output named before any worker starts.
+  std::vector<BatchEntry> work = listBatchInputs(inDir, outInside ? &outId : nullptr);
+  nameBatchOutputs(work);
+
+  std::vector<BatchOutcome> outcomes(work.size());
   std::atomic<size_t> next{0}, finished{0};
   std::atomic<uint64_t> audioMillis{0};
   std::mutex progressLock;
@@ -114,31 +103,9 @@ int runBatchCommand(int argc, char** argv) {
 
   // One decoder per worker: each file's pipeline lives on its worker's stack.
   auto worker = [&]() {
-    for (size_t i = next++; i < work.size(); i = next++) {
-      const Job& job = work[i];
-      Outcome& o = outcomes[i];
-      std::error_code fsError;
-      if (!force && fs::exists(job.output, fsError)) {
-        o.skipped = o.ok = true;
-      } else {
-        fs::create_directories(job.output.parent_path(), fsError);
-        // Written under a temporary name and renamed when complete, so a
-        // failure never leaves a partial WAVE file behind.
-        const fs::path part = fs::path(job.output).concat(".part");
-        ConvertResult result;
-        std::string error;
-        if (convertFile(job.input.string(), part.string(), options, result, error)) {
-          fs::rename(part, job.output, fsError);
-          o.ok = !fsError;
-          if (fsError) o.reason = "cannot rename the output: " + fsError.message();
-          o.audioSeconds = result.rate ? static_cast<double>(result.samples) / result.rate : 0;
-          audioMillis += static_cast<uint64_t>(o.audioSeconds * 1000);
-        } else {
-          o.reason = error;
-        }
-        if (!o.ok) fs::remove(part, fsError);
-      }
-      o.done = true;
+    for (size_t i = next++; i < work.size() && !interruptSignal(); i = next++) {
+      outcomes[i] = convertBatchEntry(work[i], inDir, outDir, options, force);
+      audioMillis += static_cast<uint64_t>(outcomes[i].audioSeconds * 1000);
       finished++;
       showProgress(false);
     }
@@ -148,23 +115,38 @@ int runBatchCommand(int argc, char** argv) {
   for (std::thread& t : threads) t.join();
   showProgress(true);
 
-  size_t converted = 0, skipped = 0, failed = 0;
-  fs::create_directories(outDir, ec);
-  FILE* summary = std::fopen((outDir / "quillon-batch-summary.txt").string().c_str(), "w");
+  // The summary lists every file dealt with: status, input, output, reason.
+  size_t count[5] = {};
+  size_t wholeNames = 0;
+  const fs::path summaryPath = outDir / "quillon-batch-summary.txt";
+  SafeOutput summary;
+  if (summary.open(summaryPath.string(), {true, false}, {}, error) != SafeOutput::Status::Ok)
+    std::fprintf(stderr, "quillon batch: %s\n", error.c_str());
   for (size_t i = 0; i < work.size(); i++) {
-    const Outcome& o = outcomes[i];
-    if (o.skipped) skipped++;
-    else if (o.ok) converted++;
-    else failed++;
-    if (summary)
-      std::fprintf(summary, "%s\t%s\t%s\n", o.skipped ? "skipped" : o.ok ? "converted" : "failed",
-                   work[i].input.string().c_str(), o.reason.c_str());
-    if (!o.ok) std::fprintf(stderr, "failed: %s: %s\n", work[i].input.string().c_str(), o.reason.c_str());
+    const BatchOutcome& o = outcomes[i];
+    count[static_cast<int>(o.state)]++;
+    if (o.state == BatchState::NotStarted) continue;
+    if (work[i].wholeName && o.state == BatchState::Converted) wholeNames++;
+    if (summary.stream()) std::fputs(batchSummaryLine(work[i], o, inDir, outDir).c_str(), summary.stream());
+    if (o.state == BatchState::Failed)
+      std::fprintf(stderr, "failed: %s: %s\n", (inDir / work[i].input).string().c_str(), o.reason.c_str());
   }
-  if (summary) std::fclose(summary);
+  const bool summaryWritten = summary.stream() && summary.commit(error);
+  if (!summaryWritten) std::fprintf(stderr, "quillon batch: summary not written: %s\n", error.c_str());
   const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const size_t converted = count[static_cast<int>(BatchState::Converted)], skipped = count[static_cast<int>(BatchState::Skipped)],
+               failed = count[static_cast<int>(BatchState::Failed)];
   std::printf("%zu converted, %zu skipped (already converted), %zu failed; %.2f h of audio in %.1f s\n", converted,
               skipped, failed, audioMillis.load() / 3.6e6, elapsed);
-  std::printf("summary: %s\n", (outDir / "quillon-batch-summary.txt").string().c_str());
+  if (wholeNames)
+    std::printf("%zu outputs named after their whole file name (such as X.opus.wav), as several inputs share a name\n",
+                wholeNames);
+  if (summaryWritten) std::printf("summary: %s\n", summaryPath.string().c_str());
+  if (const int signal = interruptSignal()) {
+    const size_t left = count[static_cast<int>(BatchState::NotStarted)] + count[static_cast<int>(BatchState::Interrupted)];
+    std::printf("interrupted by %s: %zu files not converted\n", signal == SIGINT ? "SIGINT" : "SIGTERM", left);
+    std::fflush(stdout);
+    return 128 + signal;
+  }
   return failed ? 1 : 0;
 }

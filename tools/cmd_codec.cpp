@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "codec/codec_registry.h"
 #include "codec_names.h"
 #include "commands.h"
 #include "convert.h"
+#include "output_file.h"
 #include "pipeline.h"
 #include "resampler_choice.h"
 #include "wav_file.h"
@@ -46,7 +46,7 @@ int runDecodeCommand(int argc, char** argv) {
       options.haveCodec = true;
     } else if (a == "--rate" && i + 1 < argc) {
       options.rate = static_cast<uint32_t>(std::strtoul(argv[++i], nullptr, 10));
-      if (options.rate == 0) return usageError("decode", "--rate needs a number of Hz");
+      if (options.rate != 8000 && options.rate != 16000) return usageError("decode", "--rate needs 8000 or 16000");
     } else if (a == "--resampler" && i + 1 < argc) {
       if (!selectResampler(argv[++i])) return usageError("decode", std::string("unknown resampler '") + argv[i] + "'");
     } else if (a == "--raw") {
@@ -64,8 +64,12 @@ int runDecodeCommand(int argc, char** argv) {
     }
   }
   if (files.size() != 2) return usageError("decode", "expected INPUT and OUTPUT");
-  ConvertResult result;
   std::string error;
+  // A --rate that does not fit is found once the file says its rate.
+  if (options.haveCodec && !checkDecodable(options.code, error)) return usageError("decode", error);
+  if (inputIsFolder(files[0], error)) return usageError("decode", error);
+  installInterruptHandlers(false);
+  ConvertResult result;
   const bool ok = convertFile(files[0], files[1], options, result, error);
   for (const std::string& w : result.warnings) std::fprintf(stderr, "quillon: warning: %s\n", w.c_str());
   if (!ok) return result.usage ? usageError("decode", error) : fail(error);
@@ -83,6 +87,7 @@ int runProbeCommand(int argc, char** argv) {
   if (argc != 2) return usageError("probe", "expected FILE");
   ProbeResult probe;
   std::string error;
+  if (inputIsFolder(argv[1], error)) return usageError("probe", error);
   if (!probeFile(argv[1], probe, error)) return fail(error);
   std::printf("file:      %s\ncontainer: %s\n", argv[1], probe.container.c_str());
   if (!probe.detail.empty()) std::printf("details:   %s\n", probe.detail.c_str());
@@ -128,8 +133,9 @@ int runEncodeCommand(int argc, char** argv) {
   if (!haveCodec) return usageError("encode", "--codec is required");
   if (haveAmrWbOption && code != CT_AMRWB) return usageError("encode", "--mode and --dtx apply to --codec amrwb only");
   if (files.size() != 2) return usageError("encode", "expected INPUT.wav and OUTPUT");
-
   std::string error;
+  if (!checkEncodable(code, error)) return usageError("encode", error);
+  if (inputIsFolder(files[0], error)) return usageError("encode", error);
   WavReader wav;
   if (!wav.open(files[0], error)) return fail(error);
   const WaveFormat& in = wav.format();
@@ -144,8 +150,13 @@ int runEncodeCommand(int argc, char** argv) {
   const AudioFormat outFormat(code, 1);
   OutputFile::Header header = OutputFile::Header::None;
   if (hasWaveDescription(code)) header = code == CT_MSADPCM ? OutputFile::Header::MsAdpcm : OutputFile::Header::Plain;
+  installInterruptHandlers(false);
+  SafeOutput target;
+  if (const int status = SafeOutput::exitStatus(target.open(files[1], OutputRules(), {files[0]}, error)))
+    return status == 2 ? usageError("encode", error) : fail(error);
   OutputFile output;
-  if (!output.open(files[1], outFormat, outFormat.getSamplesPerSecond(), header, error)) return fail(error);
+  if (!output.open(target.stream(), outFormat, outFormat.getSamplesPerSecond(), header, error))
+    return fail(error);
 
   std::vector<uint8_t> chunk(kReadChunk);
   std::vector<uint8_t> coded;
@@ -166,18 +177,19 @@ int runEncodeCommand(int argc, char** argv) {
     coded.clear();
     pipeline.feed(pcm.data(), pcm.size(), coded);
     if (!output.write(coded.data(), coded.size())) {
-      status = fail("cannot write " + files[1] + ": " + std::strerror(errno));
+      status = fail("cannot write " + target.name() + ": " + std::strerror(errno));
       break;
     }
   }
   if (status == 0) {
     coded.clear();
     pipeline.flush(coded);
-    if (!output.write(coded.data(), coded.size())) status = fail("cannot write " + files[1]);
+    if (!output.write(coded.data(), coded.size())) status = fail("cannot write " + target.name());
   }
   // Sample frames at the codec's rate, for the MS ADPCM fact chunk.
   output.setSampleFrames(samplesIn * outFormat.getSamplesPerSecond() / in.sampleRate);
   if (!output.finish(error)) return fail(error);
+  if (status == 0 && !target.commit(error)) return fail(error);
   return status;
 }
 
@@ -186,32 +198,7 @@ int runCodecsCommand(int, char**) {
               "description");
   for (const CodecName& c : codecNames()) {
     const AudioFormat f(c.code, 1);
-    const bool pcm = c.code == CT_PCM16 || c.code == CT_PCM16_16K;
-    bool dec = pcm, enc = pcm;
-    if (!pcm) {
-      if (Codec* d = Codec::getCodec(f, false)) {
-        // Encode-only classes open for decoding but write nothing: try whole frames.
-        dec = true;
-        if (f.getBytesPerFrame() != 0) {
-          std::vector<uint8_t> frames(f.getBytesPerFrame() * 160, 0x55);
-          std::vector<int16_t> pcm(f.getSamplesPerFrame() * 160 * 2);
-          uint32_t inBytes = static_cast<uint32_t>(frames.size());
-          dec = d->decode(frames.data(), inBytes, pcm.data(), static_cast<uint32_t>(pcm.size())) > 0;
-        }
-        d->close();
-        delete d;
-      }
-      // Some decode-only classes open for encoding but write nothing: try a second of silence.
-      EncodePipeline probe;
-      std::string ignored;
-      if (probe.open(c.code, f.getSamplesPerSecond(), ignored)) {
-        std::vector<int16_t> silence(f.getSamplesPerSecond());
-        std::vector<uint8_t> coded;
-        probe.feed(silence.data(), silence.size(), coded);
-        probe.flush(coded);
-        enc = !coded.empty();
-      }
-    }
+    const bool dec = canDecode(c.code), enc = canEncode(c.code);
     std::printf("%-12s %5d %7u  %-24s %-7s %-7s %s\n", c.name, static_cast<int>(c.code), f.getSamplesPerSecond(),
                 c.framing, dec ? "yes" : "-", enc ? "yes" : "-", c.description);
   }

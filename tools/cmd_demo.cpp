@@ -10,6 +10,7 @@
 #include "commands.h"
 #include "demo_streams.h"
 #include "embedded_data.h"
+#include "output_file.h"
 #include "pipeline.h"
 #include "wav_file.h"
 
@@ -58,24 +59,29 @@ double snrDb(const std::vector<int16_t>& ref, const std::vector<int16_t>& out) {
   return best;
 }
 
-bool writeWave(const std::filesystem::path& path, const std::vector<int16_t>& pcm, uint32_t rate) {
+// Writes one demo file under a temporary name, renamed when complete.
+bool writeOutput(const std::filesystem::path& path, const AudioFormat& format, uint32_t rate, OutputFile::Header header,
+                 const void* data, size_t bytes) {
+  SafeOutput target;
   OutputFile f;
   std::string error;
-  return f.open(path.string(), AudioFormat(rate == 16000 ? CT_PCM16_16K : CT_PCM16, 1), rate,
-                OutputFile::Header::Plain, error) &&
-         f.write(pcm.data(), pcm.size() * 2) && f.finish(error);
+  return target.open(path.string(), OutputRules(), {}, error) == SafeOutput::Status::Ok &&
+         f.open(target.stream(), format, rate, header, error) && f.write(data, bytes) &&
+         f.finish(error) && target.commit(error);
+}
+
+bool writeWave(const std::filesystem::path& path, const std::vector<int16_t>& pcm, uint32_t rate) {
+  return writeOutput(path, AudioFormat(rate == 16000 ? CT_PCM16_16K : CT_PCM16, 1), rate, OutputFile::Header::Plain,
+                     pcm.data(), pcm.size() * 2);
 }
 
 bool writeStream(const std::filesystem::path& path, CompressionType code, const std::vector<uint8_t>& bytes) {
   const bool wave = code == CT_G711_ALAW || code == CT_G711_ULAW || code == CT_PCM8 || code == CT_MSADPCM;
-  OutputFile f;
-  std::string error;
   const AudioFormat format(code, 1);
-  return f.open(path.string(), format, format.getSamplesPerSecond(),
-                !wave ? OutputFile::Header::None
-                      : (code == CT_MSADPCM ? OutputFile::Header::MsAdpcm : OutputFile::Header::Plain),
-                error) &&
-         f.write(bytes.data(), bytes.size()) && f.finish(error);
+  return writeOutput(path, format, format.getSamplesPerSecond(),
+                     !wave ? OutputFile::Header::None
+                           : (code == CT_MSADPCM ? OutputFile::Header::MsAdpcm : OutputFile::Header::Plain),
+                     bytes.data(), bytes.size());
 }
 
 bool encodeClip(CompressionType code, const std::vector<int16_t>& clip, uint32_t rate, std::vector<uint8_t>& out,

@@ -5,10 +5,12 @@
 
 #include "charset/text_conversion.h"
 #include "commands.h"
+#include "output_file.h"
 
 namespace {
 
 using quillon::charset::TextOptions;
+using quillon::tool::SafeOutput;
 
 void printTextUsage() {
   std::fprintf(stderr,
@@ -40,28 +42,39 @@ bool readAll(const std::string& path, std::vector<TAV::uint8>& data, std::string
   return error.empty();
 }
 
-bool writeAll(const std::string& path, const std::vector<TAV::uint8>& data, std::string& error) {
-  const bool useStdout = path.empty() || path == "-";
-  std::FILE* f = useStdout ? stdout : std::fopen(path.c_str(), "wb");
-  if (!f) {
-    error = "cannot create " + path;
+// Writes `data` to the output that `out` opened and keeps it only if
+// `complete`; standard output (or a device) gets whatever there is.
+bool writeAll(SafeOutput& out, const std::vector<TAV::uint8>& data, bool complete, std::string& error) {
+  if (std::fwrite(data.data(), 1, data.size(), out.stream()) != data.size()) {
+    error = "cannot write " + out.name();
     return false;
   }
-  bool ok = std::fwrite(data.data(), 1, data.size(), f) == data.size();
-  ok = (useStdout ? std::fflush(f) : std::fclose(f)) == 0 && ok;
-  if (!ok) error = "cannot write " + (useStdout ? std::string("standard output") : path);
-  return ok;
+  if (!complete && !out.writesDirectly()) return true;
+  return out.commit(error);
 }
 
 }  // namespace
 
 int runTextCommand(int argc, char** argv) {
+  using namespace quillon::tool;
   TextOptions options;
   std::string error;
   if (argc < 1 || !quillon::charset::parseTextOptions(argc - 1, argv + 1, options, error)) {
     std::fprintf(stderr, "quillon text: %s\n", error.c_str());
     printTextUsage();
     return 2;
+  }
+  const std::string inPath = options.inPath.empty() ? "-" : options.inPath;
+  if (inputIsFolder(inPath, error)) {
+    std::fprintf(stderr, "quillon text: %s\n", error.c_str());
+    return 2;
+  }
+  installInterruptHandlers(false);
+  SafeOutput out;
+  if (const int status =
+          SafeOutput::exitStatus(out.open(options.outPath.empty() ? "-" : options.outPath, OutputRules(), {inPath}, error))) {
+    std::fprintf(stderr, "quillon text: %s\n", error.c_str());
+    return status;
   }
   std::vector<TAV::uint8> input;
   if (!readAll(options.inPath, input, error)) {
@@ -70,8 +83,9 @@ int runTextCommand(int argc, char** argv) {
   }
   std::vector<TAV::uint8> output;
   const quillon::charset::TextConversionResult result = quillon::charset::convertText(input, options, output);
-  // What converted before a failure is still written out.
-  if (!writeAll(options.outPath, output, error)) {
+  // Standard output still gets what converted before a failure; a file is
+  // only written when the whole text converted.
+  if (!writeAll(out, output, result.code == TAV::CS_OK, error)) {
     std::fprintf(stderr, "quillon text: %s\n", error.c_str());
     return 1;
   }

@@ -1,6 +1,15 @@
 #include "codec_names.h"
 
+#include <strings.h>
+
 #include <cstdlib>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "quillon/codec.h"
+#include "library_errors.h"
+#include "pipeline.h"
 
 namespace quillon::tool {
 
@@ -40,16 +49,106 @@ const std::vector<CodecName>& codecNames() {
 
 bool parseCodec(const std::string& text, CompressionType& code) {
   for (const CodecName& c : codecNames())
-    if (text == c.name) {
+    if (strcasecmp(text.c_str(), c.name) == 0) {
       code = c.code;
       return true;
     }
   if (text.empty() || text.size() > 9) return false;
   char* end = nullptr;
-  long v = std::strtol(text.c_str(), &end, 10);
-  if (*end != '\0' || v < 0) return false;
-  code = static_cast<CompressionType>(v);
-  return true;
+  const long v = std::strtol(text.c_str(), &end, 10);
+  if (*end != '\0') return false;
+  for (const CodecName& c : codecNames())
+    if (static_cast<long>(c.code) == v) {
+      code = c.code;
+      return true;
+    }
+  return false;
+}
+
+namespace {
+
+bool isPcm(CompressionType code) { return code == CT_PCM16 || code == CT_PCM16_16K; }
+
+bool tryDecode(CompressionType code) {
+  const AudioFormat f(code, 1);
+  Codec* d = Codec::getCodec(f, false);
+  if (!d) return false;
+  bool ok = true;
+  if (f.getBytesPerFrame() != 0) {
+    std::vector<uint8_t> frames(f.getBytesPerFrame() * 160, 0x55);
+    std::vector<int16_t> pcm(f.getSamplesPerFrame() * 160 * 2);
+    uint32_t inBytes = static_cast<uint32_t>(frames.size());
+    ok = d->decode(frames.data(), inBytes, pcm.data(), static_cast<uint32_t>(pcm.size())) > 0;
+  }
+  d->close();
+  delete d;
+  return ok;
+}
+
+bool tryEncode(CompressionType code) {
+  const AudioFormat f(code, 1);
+  EncodePipeline probe;
+  std::string ignored;
+  if (!probe.open(code, f.getSamplesPerSecond(), ignored)) return false;
+  std::vector<int16_t> silence(f.getSamplesPerSecond());
+  std::vector<uint8_t> coded;
+  probe.feed(silence.data(), silence.size(), coded);
+  probe.flush(coded);
+  return !coded.empty();
+}
+
+// A trial the library abandons with a fatal error (a trace line that cannot
+// be written) answers yes: the conversion itself then reports the error.
+bool tryDirection(CompressionType code, bool decode) {
+  try {
+    return decode ? tryDecode(code) : tryEncode(code);
+  } catch (const std::exception&) {
+    takeFatalError();
+    return true;
+  }
+}
+
+// Each answer is found once per process; batch workers ask concurrently.
+bool cachedAnswer(CompressionType code, bool decode) {
+  static std::mutex lock;
+  static std::map<std::pair<int, bool>, bool> answers;
+  if (isPcm(code)) return true;
+  std::lock_guard<std::mutex> guard(lock);
+  const auto key = std::make_pair(static_cast<int>(code), decode);
+  auto it = answers.find(key);
+  if (it == answers.end()) it = answers.emplace(key, tryDirection(code, decode)).first;
+  return it->second;
+}
+
+std::string namesOf(bool decode) {
+  std::string names;
+  for (const CodecName& c : codecNames())
+    if (cachedAnswer(c.code, decode)) names += (names.empty() ? "" : ", ") + std::string(c.name);
+  return names;
+}
+
+}  // namespace
+
+bool canDecode(CompressionType code) { return cachedAnswer(code, true); }
+bool canEncode(CompressionType code) { return cachedAnswer(code, false); }
+bool checkDecodable(CompressionType code, std::string& error) {
+  if (canDecode(code)) return true;
+  error = codecName(code) + " cannot be decoded by this build; it decodes " + namesOf(true);
+  return false;
+}
+
+bool checkEncodable(CompressionType code, std::string& error) {
+  if (canEncode(code)) return true;
+  error = codecName(code) + " cannot be encoded by this build; it encodes " + namesOf(false);
+  return false;
+}
+
+bool checkOutputRate(CompressionType code, uint32_t rate, std::string& error) {
+  const uint32_t native = AudioFormat(code, 1).getSamplesPerSecond();
+  if (rate == 0 || rate == native || rate == 8000) return true;
+  error = "--rate " + std::to_string(rate) + " does not fit " + codecName(code) + ": give --rate 8000 or its own rate (" +
+          std::to_string(native) + ")";
+  return false;
 }
 
 std::string codecName(CompressionType code) {

@@ -6,6 +6,8 @@
 #include <memory>
 
 #include "codec_names.h"
+#include "library_errors.h"
+#include "output_file.h"
 #include "wav_file.h"
 
 namespace quillon::tool {
@@ -91,6 +93,10 @@ bool chooseCodec(const std::string& input, const ConvertOptions& options, Conver
     error = input + ": not a recognised container; give --codec for a raw stream";
     return false;
   }
+  if (!checkDecodable(result.code, error)) {
+    result.usage = options.haveCodec;
+    return false;
+  }
   return true;
 }
 
@@ -127,6 +133,9 @@ bool decodeSource(StreamSource& source, const ConvertOptions& options, ConvertRe
       return false;
     }
     decode.rate = 0;
+  } else if (!checkOutputRate(result.code, options.rate, error)) {
+    result.usage = true;
+    return false;
   }
 
   std::vector<uint8_t> chunk(kReadChunk);
@@ -196,6 +205,10 @@ bool decodeSource(StreamSource& source, const ConvertOptions& options, ConvertRe
       return combine();
     };
     for (size_t n; (n = source.read(chunk.data(), chunk.size())) > 0;) {
+      if (interruptSignal()) {
+        error = "interrupted";
+        return false;
+      }
       any = true;
       if (!step(chunk.data(), n, false)) return false;
     }
@@ -227,6 +240,7 @@ bool decodeSource(StreamSource& source, const ConvertOptions& options, ConvertRe
 bool convertFile(const std::string& input, const std::string& output, const ConvertOptions& options,
                  ConvertResult& result, std::string& error) {
   result = ConvertResult();
+  takeFatalError();
   auto in = std::make_unique<InputStream>();
   if (!in->open(input, error)) return false;
   if (!probeInput(*in, result.probe, error)) return false;
@@ -235,9 +249,11 @@ bool convertFile(const std::string& input, const std::string& output, const Conv
   std::unique_ptr<StreamSource> source = openStream(std::move(in), result.probe, error);
   if (!source) return false;
 
-  // Outputs are opened with the first samples, so an input that yields
-  // none leaves no file behind.
+  // Outputs are opened with the first samples, each under a temporary name
+  // renamed when the whole input decoded; an output that is the input is
+  // refused before anything is written.
   const bool split = options.channels == ChannelMode::Split;
+  std::vector<std::unique_ptr<SafeOutput>> targets;
   std::vector<std::unique_ptr<OutputFile>> outs;
   std::vector<std::string> names;
   std::vector<int16_t> half[2];
@@ -255,8 +271,16 @@ bool convertFile(const std::string& input, const std::string& output, const Conv
     }
     const uint16_t channels = static_cast<uint16_t>(names.size() == 2 ? 1 : result.channels);
     for (const std::string& name : names) {
+      targets.push_back(std::make_unique<SafeOutput>());
+      const SafeOutput::Status status =
+          targets.back()->open(name, {options.replace, options.followLinks}, {input}, writeError);
+      if (status != SafeOutput::Status::Ok) {
+        result.usage = status == SafeOutput::Status::Refused;
+        return false;
+      }
       outs.push_back(std::make_unique<OutputFile>());
-      if (!outs.back()->open(name, format, result.rate, header, writeError, channels)) return false;
+      if (!outs.back()->open(targets.back()->stream(), format, result.rate, header, writeError, channels))
+        return false;
     }
     return true;
   };
@@ -276,6 +300,12 @@ bool convertFile(const std::string& input, const std::string& output, const Conv
     return ok;
   };
   bool ok = decodeSource(*source, options, result, sink, error);
+  // The C functions report a fatal library error only as an empty result.
+  const std::string fatal = takeFatalError();
+  if (ok && !fatal.empty()) {
+    error = "the library stopped: " + fatal;
+    ok = false;
+  }
   if (!ok) {
     if (!writeError.empty()) error = writeError;
     else if (!result.usage && error.rfind(name, 0) != 0) error = name + ": " + error;
@@ -287,6 +317,8 @@ bool convertFile(const std::string& input, const std::string& output, const Conv
       ok = false;
     }
   }
+  for (auto& target : targets)
+    if (ok && !target->commit(error)) ok = false;
   return ok;
 }
 

@@ -32,6 +32,8 @@ struct ConvertOptions {
   bool raw = false;
   bool useApi = false;
   ChannelMode channels = ChannelMode::Keep;
+  bool replace = true;      // an existing output may be replaced
+  bool followLinks = true;  // see OutputRules
 };
 
 struct ConvertResult {
@@ -62,8 +64,13 @@ using FrameSink = std::function<bool(const int16_t* pcm, size_t frames)>;
 bool decodeSource(StreamSource& source, const ConvertOptions& options, ConvertResult& result, const FrameSink& sink,
                   std::string& error);
 
-// Decodes `input` ("-": standard input) into `output`. On failure `error`
-// says why; output that was already written is kept with a completed header.
+// Decodes `input` ("-": standard input) into `output` ("-": standard
+// output). Each output is written under a temporary name and renamed over
+// its name only when the whole input decoded, so a failure leaves nothing
+// and an existing output stays as it was. On failure `error` says why, and
+// `result.usage` marks a failure in the arguments (an output that is the
+// input, a --rate the codec cannot give). Stops with an error when an
+// interrupt signal was received (see installInterruptHandlers).
 bool convertFile(const std::string& input, const std::string& output, const ConvertOptions& options,
                  ConvertResult& result, std::string& error);
 

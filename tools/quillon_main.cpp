@@ -1,8 +1,14 @@
 // quillon: decode and encode telephony and radio speech streams.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 
 #include "commands.h"
+#include "library_errors.h"
 #include "quillon/trace.h"
 
 namespace {
@@ -12,7 +18,7 @@ void printHelp() {
       "usage: quillon [--trace] COMMAND ...\n"
       "\n"
       "  decode [--codec CODE] [--rate 8000] [--resampler mean|halfband] [--raw] [--api]\n"
-      "         [--channels stereo|mix|left|right|split] INPUT OUTPUT\n"
+      "         [--channels stereo|mix|left|right|split] INPUT OUTPUT|-\n"
       "      decode a recording to 16-bit PCM: a WAVE file, or bare little-endian\n"
       "      samples with --raw. INPUT '-' is standard input (a pipe works). The\n"
       "      container says what it holds (WAVE, RF64, AMR-WB storage, SILK_V3, Ogg\n"
@@ -26,9 +32,11 @@ void printHelp() {
       "      it can be decoded.\n"
       "  batch --codec CODE|auto [--jobs N] [--force] [--rate 8000] [--resampler R] IN_DIR OUT_DIR\n"
       "      decode every file under IN_DIR to OUT_DIR/<same path>.wav in N threads;\n"
-      "      files already converted are skipped unless --force; a summary is\n"
-      "      written to OUT_DIR/quillon-batch-summary.txt.\n"
-      "  encode --codec CODE [--mode N] [--dtx] INPUT.wav OUTPUT\n"
+      "      files already converted are skipped unless --force; files of one\n"
+      "      folder that would share an output are named X.ext.wav instead; a\n"
+      "      summary is written to OUT_DIR/quillon-batch-summary.txt, also when\n"
+      "      stopped by SIGINT/SIGTERM.\n"
+      "  encode --codec CODE [--mode N] [--dtx] INPUT.wav OUTPUT|-\n"
       "      encode a 16-bit PCM mono WAVE file (8000 or 16000 Hz; '-' reads standard\n"
       "      input). For amrwb\n"
       "      (16000 Hz input), --mode 0..8 picks 6.60 to 23.85 kbit/s (default 2,\n"
@@ -51,14 +59,16 @@ void printHelp() {
       "      print a table of sizes, speeds and signal-to-noise ratios.\n"
       "  help\n"
       "\n"
-      "CODE is a compression number or a name from 'quillon codecs'.\n"
+      "CODE is a compression number or a name from 'quillon codecs'. OUTPUT -\n"
+      "is standard output. Outputs are written under a temporary name and\n"
+      "renamed when complete; an output that is the input is refused.\n"
+      "Exit status: 0 done, 1 bad input or failed output, 2 bad arguments,\n"
+      "130/143 interrupted.\n"
       "--trace sends the library's trace lines to standard error (they are\n"
       "discarded otherwise).\n");
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int dispatch(int argc, char** argv) {
   int first = 1;
   quillon_set_trace_sink(nullptr);
   if (first < argc && std::strcmp(argv[first], "--trace") == 0) {
@@ -87,4 +97,23 @@ int main(int argc, char** argv) {
   }
   std::fprintf(stderr, "quillon: unknown command '%s' (see 'quillon help')\n", command);
   return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // A standard stream the caller closed is opened on /dev/null: otherwise
+  // the first output file would take its number and receive the messages
+  // and trace lines meant for it.
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
+    if (::fcntl(fd, F_GETFD) == -1 && errno == EBADF && ::open("/dev/null", O_RDWR) != fd) return 1;
+  // An exception (a fatal library error, memory) ends the command with exit
+  // status 1; unwinding removes its temporary output file.
+  quillon::tool::installFatalErrorHandler();
+  try {
+    return dispatch(argc, argv);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "quillon: %s\n", quillon::tool::describeFailure(e).c_str());
+    return 1;
+  }
 }

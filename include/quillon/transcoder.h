@@ -24,7 +24,11 @@ class QUILLON_API TransCoder {
   bool reopen();
 
   // Returns the bytes written to out; inBytes comes back as the input
-  // codec's own count.
+  // codec's own count (from its last decode call; unchanged when the input
+  // codec was not called). Input codecs that need whole frames are handed
+  // whole frames only: a partial frame at the end of `in` is kept and put in
+  // front of the next call's input, so a call may decode one frame more than
+  // its own input holds.
   uint32 transcode(const uint8* in, uint32& inBytes, uint8* out, uint32 outCapacity);
   uint32 getOutSize(uint32 inBytes);
   uint32 getOutSizeUnaligned(uint32 inBytes);
@@ -47,6 +51,11 @@ class QUILLON_API TransCoder {
  private:
   bool openSide(const AudioFormat& format, bool encoderSide);
   void growPcmBuffer(uint32 n);
+  uint32 decodableBytes(uint32 inBytes) const;
+  uint32 decodeWholeFrames(const uint8* in, uint32& inBytes, int16* out, uint32 outCapacity);
+
+  // Largest input frame the transcoder keeps back between calls.
+  static constexpr uint32 kMaxHeldBytes = 256;
 
   DecoderBuffer m_pcm;
   DecoderBuffer m_resampled;
@@ -55,6 +64,11 @@ class QUILLON_API TransCoder {
   IResampler* m_resampler;
   AudioFormat m_inFormat;
   AudioFormat m_outFormat;
+  // The factory that made m_resampler; it gets it back.
+  IResamplerFactory* m_resamplerFactory;
+  // Input bytes of a partial frame, waiting for the rest of it.
+  uint32 m_heldCount;
+  uint8 m_held[kMaxHeldBytes];
 };
 
 }  // namespace TAV
