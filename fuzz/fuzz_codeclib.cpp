@@ -40,8 +40,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   options.frameLength = 320;
   if (sel & 8) options.mode = static_cast<int16>(1 + (sel >> 4) % 3);
 
-  std::vector<int16> samples(1 << 16);
-  std::vector<uint8> bytes(1 << 17);
+  static std::vector<int16> samples(1 << 16);
+  static std::vector<uint8> bytes(1 << 17);
   size_t pos = 1;
   while (pos < size) {
     const size_t want = data[pos++];

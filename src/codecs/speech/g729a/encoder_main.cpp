@@ -177,8 +177,8 @@ Word16 Encoder::closedLoopPitchFull(const Word16* exc, const Word16* xn, const W
   // the filtered excitation is updated recursively from one lag to the next.
   const Word16 tMin = sub(t0Min, 4);
   const Word16 tMax = add(t0Max, 4);
-  Word16 corrBuf[40];
-  Word16* corr = corrBuf - tMin;
+  // corr[i] holds the lag tMin + i (at most 2 * 4 + 10 lags are searched).
+  Word16 corr[40];
   Word16 excf[kSubframe], scaledExcf[kSubframe];
   int k = -tMin;
   convolve(exc + k, h, excf);
@@ -206,7 +206,7 @@ Word16 Encoder::closedLoopPitchFull(const Word16* exc, const Word16* xn, const W
     for (int j = 0; j < kSubframe; j++) s = L_mac(s, xn[j], f[j]);
     L_Extract(s, ch, cl);
     s = Mpy_32(ch, cl, nh, nl);
-    corr[t] = extract_h(L_shl(s, 16));
+    corr[t - tMin] = extract_h(L_shl(s, 16));
     if (t != tMax) {
       k--;
       for (int j = kSubframe - 1; j > 0; j--) {
@@ -217,11 +217,11 @@ Word16 Encoder::closedLoopPitchFull(const Word16* exc, const Word16* xn, const W
     }
   }
 
-  Word16 best = corr[t0Min];
+  Word16 best = corr[t0Min - tMin];
   Word16 lag = t0Min;
   for (Word16 t = static_cast<Word16>(t0Min + 1); t <= t0Max; t++) {
-    if (sub(corr[t], best) >= 0) {
-      best = corr[t];
+    if (sub(corr[t - tMin], best) >= 0) {
+      best = corr[t - tMin];
       lag = t;
     }
   }
@@ -229,10 +229,10 @@ Word16 Encoder::closedLoopPitchFull(const Word16* exc, const Word16* xn, const W
     frac = 0;
     return lag;
   }
-  best = interpolateCorrelation(corr + lag, -2);
+  best = interpolateCorrelation(corr + (lag - tMin), -2);
   Word16 f3 = -2;
   for (Word16 i = -1; i <= 2; i++) {
-    const Word16 c = interpolateCorrelation(corr + lag, i);
+    const Word16 c = interpolateCorrelation(corr + (lag - tMin), i);
     if (sub(c, best) > 0) {
       best = c;
       f3 = i;

@@ -60,9 +60,13 @@ Word16 MainPostFilter::harmonicFilter(Word16 t0, const Word16* res, Word16* out)
   Word16 bits = 0;
   for (int i = 0; i < kLen; i++) bits = static_cast<Word16>(bits | abs_s(all[i]));
   const Word16 shift = sub(3, norm_s(bits));
-  Word16 alignedBuf[kLen];
-  for (int i = 0; i < kLen; i++) alignedBuf[i] = shr(all[i], shift);
-  const Word16* aligned = alignedBuf + kResHist;
+  // A first-subframe lag of 144 (a second-subframe lag of 144 carried into
+  // a concealed or parity-failed first subframe) lets the delay reach 146,
+  // which puts the long filter's oldest tap one sample before the history:
+  // that sample reads as zero.
+  Word16 alignedBuf[kLongReach + kLen] = {};
+  for (int i = 0; i < kLen; i++) alignedBuf[kLongReach + i] = shr(all[i], shift);
+  const Word16* aligned = alignedBuf + kLongReach + kResHist;
 
   Harmonic h;
   Word16 yUp[(kPhases - 1) * kUpStride];

@@ -25,6 +25,7 @@ class MainPostFilter : private Dsp {
  private:
   static constexpr int kImpulse = 20;                  // truncated impulse response
   static constexpr int kResHist = kPitchMax + 1 + 8;   // residual history (lag + half long filter)
+  static constexpr int kLongReach = 1;                 // long filter taps beyond the history (delay 146)
   static constexpr int kUpStride = kSubframe + 1;      // one upsampled phase: 41 samples
   static constexpr int kPhases = 8;                    // delay resolution 1/8
 
