@@ -67,7 +67,7 @@ size_t InputStream::read(uint8_t* buffer, size_t bytes) {
   size_t done = 0;
   if (m_head < m_ahead.size()) {
     done = std::min(bytes, m_ahead.size() - m_head);
-    std::memcpy(buffer, m_ahead.data() + m_head, done);
+    if (done) std::memcpy(buffer, m_ahead.data() + m_head, done);
     m_head += done;
     if (m_head == m_ahead.size()) {
       m_ahead.clear();

@@ -53,6 +53,7 @@ class QUILLON_API TransCoder {
   void growPcmBuffer(uint32 n);
   uint32 decodableBytes(uint32 inBytes) const;
   uint32 decodeWholeFrames(const uint8* in, uint32& inBytes, int16* out, uint32 outCapacity);
+  const int16* alignedSamples(const uint8* in, uint32 bytes);
 
   // Largest input frame the transcoder keeps back between calls.
   static constexpr uint32 kMaxHeldBytes = 256;

@@ -159,11 +159,25 @@ uint32 TransCoder::decodeWholeFrames(const uint8* in, uint32& inBytes, int16* ou
   return written;
 }
 
+// PCM input as samples: the caller's bytes where they sit on a sample
+// boundary, else a copy (the PCM buffer is free on the paths without an
+// input codec).
+const int16* TransCoder::alignedSamples(const uint8* in, uint32 bytes) {
+  if (reinterpret_cast<uintptr_t>(in) % alignof(int16) == 0) return reinterpret_cast<const int16*>(in);
+  m_pcm.setBufferSize(bytes, false);
+  if (!m_pcm.getBuffer()) return nullptr;
+  std::memcpy(m_pcm.getBuffer(), in, bytes);
+  return reinterpret_cast<const int16*>(m_pcm.getBuffer());
+}
+
 uint32 TransCoder::transcode(const uint8* in, uint32& inBytes, uint8* out, uint32 outCapacity) {
   if (m_inCodec && m_outCodec) {
     const uint32 n = m_inFormat.bytesToSamples(decodableBytes(inBytes)) * 2;
-    growPcmBuffer(n);
-    if (n && !m_pcm.getBuffer()) return 0;
+    // Codecs without frames of their own decode every byte they are given,
+    // whole frames or not: the storage holds that too.
+    const uint32 room = std::max(n, m_inFormat.bytesToSamplesUnaligned(decodableBytes(inBytes)) * 2);
+    growPcmBuffer(room);
+    if (room && !m_pcm.getBuffer()) return 0;
     int16* pcm = reinterpret_cast<int16*>(m_pcm.getBuffer());
     uint32 count = decodeWholeFrames(in, inBytes, pcm, n);
     if (m_resampler) {
@@ -179,15 +193,17 @@ uint32 TransCoder::transcode(const uint8* in, uint32& inBytes, uint8* out, uint3
     return m_outCodec->encode(pcm, count, out, outCapacity);
   }
   if (m_outCodec) {
+    const int16* samples = alignedSamples(in, inBytes);
+    if (!samples && inBytes) return 0;
     if (!m_resampler) {
       uint32 count = inBytes;
-      return m_outCodec->encode(reinterpret_cast<const int16*>(in), count, out, outCapacity);
+      return m_outCodec->encode(samples, count, out, outCapacity);
     }
     uint32 m = m_resampler->getOutputCount(m_inFormat.bytesToSamples(inBytes)) * 2;
     m_resampled.setBufferSize(m, false);
     if (m && !m_resampled.getBuffer()) return 0;
     int16* resampled = reinterpret_cast<int16*>(m_resampled.getBuffer());
-    m_resampler->resample(reinterpret_cast<const int16*>(in), inBytes, resampled, m);
+    m_resampler->resample(samples, inBytes, resampled, m);
     return m_outCodec->encode(resampled, m, out, outCapacity);
   }
   if (m_inCodec) {
@@ -202,8 +218,10 @@ uint32 TransCoder::transcode(const uint8* in, uint32& inBytes, uint8* out, uint3
     return produced;
   }
   if (m_resampler) {
+    const int16* samples = alignedSamples(in, inBytes);
+    if (!samples && inBytes) return 0;
     uint32 produced = outCapacity;
-    m_resampler->resample(reinterpret_cast<const int16*>(in), inBytes, reinterpret_cast<int16*>(out), produced);
+    m_resampler->resample(samples, inBytes, reinterpret_cast<int16*>(out), produced);
     return produced;
   }
   if (inBytes) std::memcpy(out, in, inBytes);
