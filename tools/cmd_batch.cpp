@@ -23,10 +23,7 @@ using namespace quillon::tool;
 
 namespace {
 
-int usage(const std::string& message) {
-  std::fprintf(stderr, "quillon batch: %s\n(see 'quillon help')\n", message.c_str());
-  return 2;
-}
+int usage(const std::string& message) { return usageError("batch", message); }
 
 }  // namespace
 

@@ -24,11 +24,6 @@ int fail(const std::string& message) {
   return 1;
 }
 
-int usageError(const char* command, const std::string& message) {
-  std::fprintf(stderr, "quillon %s: %s\n(see 'quillon help')\n", command, message.c_str());
-  return 2;
-}
-
 bool hasWaveDescription(CompressionType code) {
   return code == CT_G711_ALAW || code == CT_G711_ULAW || code == CT_PCM16 || code == CT_PCM16_16K ||
          code == CT_MSADPCM || code == CT_PCM8;
@@ -203,4 +198,9 @@ int runCodecsCommand(int, char**) {
                 c.framing, dec ? "yes" : "-", enc ? "yes" : "-", c.description);
   }
   return 0;
+}
+
+int usageError(const char* command, const std::string& message) {
+  std::fprintf(stderr, "quillon %s: %s\n(see 'quillon help')\n", command, message.c_str());
+  return 2;
 }

@@ -3,6 +3,11 @@
 #ifndef QUILLON_TOOLS_COMMANDS_H
 #define QUILLON_TOOLS_COMMANDS_H
 
+#include <string>
+
+// Reports a bad argument of `command` on standard error; returns exit status 2.
+int usageError(const char* command, const std::string& message);
+
 int runDecodeCommand(int argc, char** argv);
 int runEncodeCommand(int argc, char** argv);
 int runCodecsCommand(int argc, char** argv);
