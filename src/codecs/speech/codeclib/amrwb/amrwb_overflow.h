@@ -19,6 +19,9 @@ using fx::Word16;
 inline int32_t wrapAdd(int32_t a, int32_t b) {
   return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
 }
+inline int32_t wrapSub(int32_t a, int32_t b) {
+  return static_cast<int32_t>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b));
+}
 inline int32_t wrapShl(int32_t v, int n) { return static_cast<int32_t>(static_cast<uint32_t>(v) << n); }
 // Left shift saturating on overflow.
 inline int32_t satShl(int32_t v, int n) {

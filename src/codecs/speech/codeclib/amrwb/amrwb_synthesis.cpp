@@ -84,7 +84,7 @@ void Decoder::highPass50(Word16* sig, int n) {
     y2hi = y1hi;
     y2lo = y1lo;
     y1hi = static_cast<Word16>(acc >> 16);
-    y1lo = static_cast<Word16>(wrapAdd(acc, -(static_cast<int32_t>(y1hi) << 16)) >> 1);
+    y1lo = static_cast<Word16>(wrapSub(acc, wrapShl(y1hi, 16)) >> 1);
     sig[i] = shl1RoundWrap(acc);
   }
   m[0] = y2hi; m[1] = y2lo; m[2] = y1hi; m[3] = y1lo; m[4] = x0; m[5] = x1;
@@ -109,7 +109,7 @@ void Decoder::highPass400(Word16* sig, int n) {
     y2lo = y1lo;
     sig[i] = static_cast<Word16>(wrapAdd(acc, 0x8000) >> 16);
     y1hi = static_cast<Word16>(acc >> 16);
-    y1lo = static_cast<Word16>(wrapAdd(acc, -(static_cast<int32_t>(y1hi) << 16)) >> 1);
+    y1lo = static_cast<Word16>(wrapSub(acc, wrapShl(y1hi, 16)) >> 1);
   }
   m[0] = y2hi; m[1] = y2lo; m[2] = y1hi; m[3] = y1lo; m[4] = x0; m[5] = x1;
 }
