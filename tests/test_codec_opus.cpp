@@ -1,6 +1,8 @@
 // CodecOpus: conformance on the libopus streams, the decode contract
-// (prefix accounting, dropped packets), and the stream writer.
+// (prefix accounting, dropped packets), and the stream writer; the packet
+// decoder behind stereo Ogg Opus and RTP Opus.
 #include <gtest/gtest.h>
+#include <opus/opus.h>
 
 #include <algorithm>
 #include <cmath>
@@ -10,6 +12,7 @@
 
 #include "codecs/speech/opus/opus_stream_writer.h"
 #include "quillon/codecs/codec_opus.h"
+#include "quillon/opus_packet_decoder.h"
 #include "test_support.h"
 
 namespace {
@@ -68,15 +71,21 @@ std::vector<int16_t> readReference(const std::filesystem::path& stream) {
   return quillon::test::readPcm16(p.replace_extension(".pcm"));
 }
 
+// The length-prefixed streams of the vectors folder.
+std::vector<std::filesystem::path> opusStreams(const std::filesystem::path& dir) {
+  std::vector<std::filesystem::path> found;
+  for (const auto& e : std::filesystem::directory_iterator(dir))
+    if (e.path().extension() == ".opus") found.push_back(e.path());
+  EXPECT_FALSE(found.empty());
+  return found;
+}
+
 TEST(CodecOpusVectors, EveryStreamMatchesItsReference) {
   QUILLON_REQUIRE_VECTORS(dir, "opus");
-  int streams = 0;
-  for (const auto& e : std::filesystem::directory_iterator(dir)) {
-    if (e.path().extension() != ".opus") continue;
-    SCOPED_TRACE(e.path().filename().string());
-    streams++;
-    const std::vector<uint8_t> in = quillon::test::readFile(e.path());
-    const std::vector<int16_t> want = readReference(e.path());
+  for (const auto& path : opusStreams(dir)) {
+    SCOPED_TRACE(path.filename().string());
+    const std::vector<uint8_t> in = quillon::test::readFile(path);
+    const std::vector<int16_t> want = readReference(path);
     ASSERT_FALSE(want.empty());
 
     auto codec = openDecoder();
@@ -88,7 +97,6 @@ TEST(CodecOpusVectors, EveryStreamMatchesItsReference) {
     got.resize(want.size());
     EXPECT_LE(maxDiff(got, want), kMaxSampleDiff);
   }
-  EXPECT_GT(streams, 0);
 }
 
 // One packet per call: the decoder state carries across calls.
@@ -259,3 +267,120 @@ TEST(OpusStreamWriter, RoundTripThroughCodecOpus) {
 }
 
 }  // namespace
+
+namespace {
+
+// A stereo stream made by libopus: a tone on the left, nothing on the right.
+std::vector<std::vector<uint8_t>> stereoPackets(int packets, bool fec) {
+  int error = 0;
+  OpusEncoder* enc = opus_encoder_create(16000, 2, OPUS_APPLICATION_VOIP, &error);
+  EXPECT_EQ(error, OPUS_OK);
+  opus_encoder_ctl(enc, OPUS_SET_BITRATE(48000));
+  if (fec) {
+    opus_encoder_ctl(enc, OPUS_SET_INBAND_FEC(1));
+    opus_encoder_ctl(enc, OPUS_SET_PACKET_LOSS_PERC(30));
+  }
+  const std::vector<int16_t> tone = testClip(static_cast<size_t>(packets) * 320);
+  std::vector<std::vector<uint8_t>> out;
+  std::vector<int16_t> frame(2 * 320);
+  for (int k = 0; k < packets; k++) {
+    for (int i = 0; i < 320; i++) {
+      frame[2 * i] = tone[static_cast<size_t>(k) * 320 + static_cast<size_t>(i)];
+      frame[2 * i + 1] = 0;
+    }
+    std::vector<uint8_t> packet(1500);
+    const int n = opus_encode(enc, frame.data(), 320, packet.data(), static_cast<opus_int32>(packet.size()));
+    EXPECT_GT(n, 0);
+    packet.resize(static_cast<size_t>(std::max(n, 0)));
+    out.push_back(packet);
+  }
+  opus_encoder_destroy(enc);
+  return out;
+}
+
+double energy(const std::vector<int16_t>& pcm, size_t first, size_t step) {
+  double e = 0;
+  for (size_t i = first; i < pcm.size(); i += step) e += double(pcm[i]) * pcm[i];
+  return e;
+}
+
+}  // namespace
+
+// Mono at 16 kHz, packet by packet, is what CodecOpus gives for the same
+// streams.
+TEST(OpusPacketDecoder, MonoMatchesCodecOpus) {
+  QUILLON_REQUIRE_VECTORS(dir, "opus");
+  for (const auto& path : opusStreams(dir)) {
+    SCOPED_TRACE(path.filename().string());
+    const std::vector<uint8_t> in = quillon::test::readFile(path);
+    auto codec = openDecoder();
+    std::vector<int16_t> want(in.size() * 1000 + CodecOpus::kScratchSamples);
+    uint32 inBytes = static_cast<uint32>(in.size());
+    want.resize(codec->decode(in.data(), inBytes, want.data(), static_cast<uint32>(want.size() * 2)) / 2);
+
+    quillon::OpusPacketDecoder dec;
+    ASSERT_TRUE(dec.open(1, 16000));
+    std::vector<int16_t> got, packetPcm(dec.maxFrames());
+    for (size_t at = 0; at + 2 <= in.size();) {
+      const size_t length = static_cast<size_t>(in[at] | (in[at + 1] << 8));
+      const long n = dec.decode(in.data() + at + 2, length, packetPcm.data(), packetPcm.size());
+      ASSERT_GT(n, 0);
+      got.insert(got.end(), packetPcm.begin(), packetPcm.begin() + n);
+      at += 2 + length;
+    }
+    EXPECT_EQ(got, want);
+  }
+}
+
+// Two channels come out interleaved, left first; every rate libopus offers
+// is accepted, other rates and channel counts are not.
+TEST(OpusPacketDecoder, StereoKeepsTheChannelsApart) {
+  const auto packets = stereoPackets(25, false);
+  for (unsigned rate : {8000u, 16000u, 48000u}) {
+    SCOPED_TRACE(rate);
+    quillon::OpusPacketDecoder dec;
+    ASSERT_TRUE(dec.open(2, rate));
+    EXPECT_EQ(dec.channels(), 2u);
+    EXPECT_EQ(dec.maxFrames(), rate * 120 / 1000);
+    std::vector<int16_t> pcm, one(2 * dec.maxFrames());
+    for (const auto& p : packets) {
+      const long n = dec.decode(p.data(), p.size(), one.data(), dec.maxFrames());
+      ASSERT_EQ(n, static_cast<long>(rate / 50));
+      pcm.insert(pcm.end(), one.begin(), one.begin() + 2 * n);
+    }
+    EXPECT_GT(energy(pcm, 0, 2), 1000 * std::max(energy(pcm, 1, 2), 1.0));
+  }
+  quillon::OpusPacketDecoder dec;
+  EXPECT_FALSE(dec.open(3, 16000));
+  EXPECT_FALSE(dec.open(2, 44100));
+  EXPECT_FALSE(dec.isOpen());
+}
+
+// Refused packets leave the output alone; a lost packet is concealed with
+// the last frame size, from the next packet's redundancy when it has some.
+TEST(OpusPacketDecoder, RefusalsAndConcealment) {
+  const auto packets = stereoPackets(12, true);
+  quillon::OpusPacketDecoder dec;
+  ASSERT_TRUE(dec.open(2, 16000));
+  std::vector<int16_t> pcm(2 * dec.maxFrames(), 7);
+  EXPECT_EQ(dec.decode(packets[0].data(), 0, pcm.data(), dec.maxFrames()), -1);
+  EXPECT_EQ(dec.decode(packets[0].data(), packets[0].size(), pcm.data(), 319), -1);  // 320 frames do not fit
+  const uint8_t bad[] = {0x03, 0xff};  // code 3 without a frame count byte's room
+  EXPECT_EQ(dec.decode(bad, sizeof bad, pcm.data(), dec.maxFrames()), -1);
+  EXPECT_TRUE(std::all_of(pcm.begin(), pcm.end(), [](int16_t v) { return v == 7; }));
+
+  for (size_t k = 0; k < 10; k++) ASSERT_EQ(dec.decode(packets[k].data(), packets[k].size(), pcm.data(), dec.maxFrames()), 320);
+  EXPECT_EQ(dec.concealFrames(), 320u);
+  // The same state twice: concealed from packet 11's redundancy, and by
+  // plain concealment.
+  quillon::OpusPacketDecoder twin;
+  ASSERT_TRUE(twin.open(2, 16000));
+  for (size_t k = 0; k < 10; k++) ASSERT_EQ(twin.decode(packets[k].data(), packets[k].size(), pcm.data(), twin.maxFrames()), 320);
+  std::vector<int16_t> fromFec(2 * 320), plain(2 * 320);
+  ASSERT_EQ(dec.conceal(fromFec.data(), 320, packets[11].data(), packets[11].size()), 320u);
+  ASSERT_EQ(twin.conceal(plain.data(), 320), 320u);
+  EXPECT_NE(fromFec, plain);
+  EXPECT_GT(energy(fromFec, 0, 2), 0.0);
+  // Room for fewer frames than a frame size conceals only that many.
+  EXPECT_EQ(twin.conceal(plain.data(), 160), 160u);
+}

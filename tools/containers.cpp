@@ -363,7 +363,6 @@ void probeOgg(InputStream& input, ProbeResult& r) {
   const uint32_t inputRate = le32(first.data() + 12);
   r.detail = std::to_string(first[9]) + " channel(s), input rate " + std::to_string(inputRate) + " Hz, pre-skip " +
              std::to_string(first[10] | (first[11] << 8)) + " samples at 48 kHz";
-  if (first[9] == 2) r.detail += "; decoded as mono (the library's Opus decoder mixes the channels down)";
   if (first[9] > 2) {
     r.refusal = "Opus streams with more than two channels are not decoded";
     r.code = CT_NONE;

@@ -104,12 +104,20 @@ bool decodeSource(StreamSource& source, const ConvertOptions& options, ConvertRe
                   std::string& error) {
   const ProbeResult& probe = result.probe;
   const bool wave = probe.container.rfind("WAVE", 0) == 0 && probe.wave.formatTag != 0;
-  // WAVE channels interleave per sample (stereo is refused for every other
-  // codec); an Ogg Opus file is decoded by the library to mono.
-  const unsigned decoded = wave && isSampleCode(result.code) ? probe.wave.channels : 1;
+  // WAVE channels interleave per sample, each decoded on its own (stereo is
+  // refused for every other codec); a stereo Ogg Opus stream decodes to
+  // interleaved pairs in one decoder.
+  const bool opusStereo = result.code == CT_OPUS && probe.channels == 2;
+  const unsigned decoded = opusStereo ? 2 : wave && isSampleCode(result.code) ? probe.wave.channels : 1;
+  const unsigned pipeCount = opusStereo ? 1 : decoded;
   const unsigned sampleBytes = result.code == CT_PCM16 || result.code == CT_PCM16_16K ? 2 : 1;
   if (decoded == 1 && options.channels != ChannelMode::Keep && probe.channels == 2) {
-    error = "the library's Opus decoder gives mono only: --channels cannot separate this file's channels";
+    error = "this file's channels cannot be decoded apart: --channels is refused";
+    result.usage = true;
+    return false;
+  }
+  if (opusStereo && options.useApi) {
+    error = "the C decoder API decodes Opus to one channel only: leave out --api for this stereo file";
     result.usage = true;
     return false;
   }
@@ -121,6 +129,7 @@ bool decodeSource(StreamSource& source, const ConvertOptions& options, ConvertRe
   decode.code = result.code;
   decode.rate = options.rate;
   decode.useApi = options.useApi;
+  decode.channels = opusStereo ? 2 : 1;
   // A stream of samples at another rate than its code's (16 kHz A-law,
   // 44.1 kHz PCM) decodes sample for sample; the output keeps the file's rate.
   uint32_t fileRate = 0;
@@ -153,7 +162,7 @@ bool decodeSource(StreamSource& source, const ConvertOptions& options, ConvertRe
   } warnings{source, result.warnings};
   for (;;) {  // one segment (link) after the other
     std::vector<std::unique_ptr<DecodePipeline>> pipes;
-    for (unsigned c = 0; c < decoded; c++) {
+    for (unsigned c = 0; c < pipeCount; c++) {
       pipes.push_back(std::make_unique<DecodePipeline>());
       if (!pipes.back()->open(decode, error)) return false;
     }
@@ -195,8 +204,19 @@ bool decodeSource(StreamSource& source, const ConvertOptions& options, ConvertRe
       for (auto& c : pcm) c.erase(c.begin(), c.begin() + static_cast<std::ptrdiff_t>(n));
       return deliver(frames.data(), n);
     };
+    // Stereo Opus comes interleaved from its one decoder, a packet at a time.
+    const PcmSink pairs = [&](const int16_t* p, size_t n) {
+      for (unsigned c = 0; c < 2; c++) {
+        pcm[c].resize(n / 2);
+        for (size_t i = 0; i < n / 2; i++) pcm[c][i] = p[2 * i + c];
+      }
+      return combine();
+    };
     auto step = [&](const uint8_t* data, size_t bytes, bool last) {
-      if (decoded == 1) return last ? pipes[0]->finish(mono, error) : pipes[0]->feed(data, bytes, mono, error);
+      if (pipeCount == 1) {
+        const PcmSink& to = opusStereo ? pairs : mono;
+        return last ? pipes[0]->finish(to, error) : pipes[0]->feed(data, bytes, to, error);
+      }
       if (!last) deinterleaver.split(data, bytes, split);
       for (unsigned c = 0; c < decoded; c++) {
         const bool ok = last ? pipes[c]->finish(pcm[c], error) : pipes[c]->feed(split[c].data(), split[c].size(), pcm[c], error);

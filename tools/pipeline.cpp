@@ -83,6 +83,24 @@ bool DecodePipeline::open(const DecodeOptions& options, std::string& error) {
   if (options.code == CT_PCM16 || options.code == CT_PCM16_16K) m_sampleBytes = 2;
   const bool halve = m_outRate != native;
 
+  if (options.channels != 1) {
+    if (options.code != CT_OPUS || options.channels != 2) {
+      error = "only an Opus stream decodes to two channels";
+      return false;
+    }
+    if (options.useApi) {
+      error = "the C decoder API decodes Opus to one channel only";
+      return false;
+    }
+    m_opus = std::make_unique<OpusPacketDecoder>();
+    if (!m_opus->open(2, m_outRate)) {
+      error = "libopus cannot decode two channels at " + std::to_string(m_outRate) + " Hz";
+      return false;
+    }
+    m_opusOut.resize(2 * m_opus->maxFrames());
+    return true;
+  }
+
   if (options.useApi) {
     m_handle = decoder_create(static_cast<int>(options.code));
     if (!m_handle) {
@@ -189,7 +207,34 @@ void DecodePipeline::countEmptyPackets(size_t offset, size_t bytes) {
   }
 }
 
+// Stereo Opus, packet by packet at the output rate. A packet libopus
+// rejects is skipped (the container's framing says where the next begins).
+bool DecodePipeline::decodeOpusPackets(const PcmSink& sink, std::string& error) {
+  size_t offset = 0;
+  while (m_pending.size() - offset >= 2) {
+    const int length = static_cast<int16_t>(m_pending[offset] | (m_pending[offset + 1] << 8));
+    if (length < 0) {
+      error = "stream cannot be decoded past byte " + std::to_string(m_consumed) + ": a packet length is negative";
+      return false;
+    }
+    const size_t whole = 2 + static_cast<size_t>(length);
+    if (m_pending.size() - offset < whole) break;
+    const long frames =
+        length ? m_opus->decode(m_pending.data() + offset + 2, static_cast<size_t>(length), m_opusOut.data(), m_opus->maxFrames())
+               : 0;
+    if (frames < 0 && m_rejectedPackets++ == 0)
+      m_warnings.push_back("libopus rejected a packet near byte " + std::to_string(m_consumed) +
+                           "; it and any other such packet are skipped");
+    offset += whole;
+    m_consumed += whole;
+    if (frames > 0 && !emit(m_opusOut.data(), 2 * static_cast<size_t>(frames), sink, error)) return false;
+  }
+  m_pending.erase(m_pending.begin(), m_pending.begin() + static_cast<std::ptrdiff_t>(offset));
+  return true;
+}
+
 bool DecodePipeline::decodePackets(const PcmSink& sink, bool final, std::string& error) {
+  if (m_opus) return decodeOpusPackets(sink, error);
   m_outBuffer.resize(2 * static_cast<size_t>(kPacketOutCapacity));
   size_t offset = 0;
   for (;;) {

@@ -34,6 +34,7 @@ struct DecodeOptions {
   TAV::CompressionType code = TAV::CT_NONE;
   uint32_t rate = 0;   // 0: the codec's own rate; else 8000 or that rate
   bool useApi = false; // through the plain C exports instead of TAV::TransCoder
+  unsigned channels = 1; // 2: a stereo Opus stream, handed on as interleaved pairs
 };
 
 // Receives decoded PCM as it is made; false stops the decode.
@@ -65,12 +66,17 @@ class DecodePipeline {
   size_t packetSliceEnd(size_t offset, bool final) const;
   void countEmptyPackets(size_t offset, size_t bytes);
   bool emit(const int16_t* pcm, size_t samples, const PcmSink& sink, std::string& error);
+  bool decodeOpusPackets(const PcmSink& sink, std::string& error);
 
   DecodeOptions m_options;
   TAV::AudioFormat m_inFormat;
   std::unique_ptr<TAV::TransCoder> m_transcoder;
   quillon_decoder_handle m_handle = 0;
   std::unique_ptr<Halver> m_halver;
+  // Stereo Opus: the library's packet decoder, two channels at the output rate.
+  std::unique_ptr<OpusPacketDecoder> m_opus;
+  std::vector<int16_t> m_opusOut;
+  uint64_t m_rejectedPackets = 0;
   bool m_packets = false;  // length-prefixed packet stream
   uint32_t m_unit = 0;     // whole-frame unit fed at once
   uint32_t m_outRate = 0;

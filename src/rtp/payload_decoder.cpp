@@ -1,7 +1,5 @@
 #include "rtp/payload_decoder.h"
 
-#include <opus/opus.h>
-
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -13,6 +11,7 @@
 #include "codecs/speech/silk/silk_decoder.h"
 #include "codecs/waveform/g711.h"
 #include "quillon/codecs/codec_g72x.h"
+#include "quillon/opus_packet_decoder.h"
 #include "rtp/waveform_concealer.h"
 
 namespace quillon::rtp {
@@ -240,50 +239,26 @@ class AmrWbPayloadDecoder final : public PayloadDecoder {
 // the in-band redundancy of the next packet for the last lost frame.
 class OpusPayloadDecoder final : public PayloadDecoder {
  public:
-  explicit OpusPayloadDecoder(uint32_t outputRate) : m_rate(outputRate) {
-    int error = 0;
-    m_decoder = opus_decoder_create(static_cast<opus_int32>(m_rate), 1, &error);
-    if (error != OPUS_OK) m_decoder = nullptr;
-    m_lastFrame = m_rate / 50;
-  }
-  ~OpusPayloadDecoder() override {
-    if (m_decoder) opus_decoder_destroy(m_decoder);
-  }
-  bool ready() const { return m_decoder != nullptr; }
+  explicit OpusPayloadDecoder(uint32_t outputRate) : m_rate(outputRate) { m_decoder.open(1, outputRate); }
+  bool ready() const { return m_decoder.isOpen(); }
   uint32_t rate() const override { return m_rate; }
-  size_t stepSamples() const override { return m_lastFrame; }
+  size_t stepSamples() const override { return m_decoder.concealFrames(); }
   long decode(const uint8_t* payload, size_t bytes, int16_t* out) override {
-    if (bytes == 0) return -1;
-    const int frames = opus_packet_get_nb_frames(payload, static_cast<opus_int32>(bytes));
-    const int perFrame = opus_packet_get_samples_per_frame(payload, static_cast<opus_int32>(m_rate));
-    if (frames <= 0 || perFrame <= 0) return -1;
-    const int n = opus_decode(m_decoder, payload, static_cast<opus_int32>(bytes), out, maxSamples(), 0);
-    if (n < 0) return -1;
-    m_lastFrame = static_cast<size_t>(perFrame);
-    return n;
+    return m_decoder.decode(payload, bytes, out, maxSamples());
   }
   size_t conceal(int16_t* out, const uint8_t* next, size_t nextBytes) override {
-    int n = -1;
-    if (next && nextBytes > 0)
-      n = opus_decode(m_decoder, next, static_cast<opus_int32>(nextBytes), out, static_cast<int>(m_lastFrame), 1);
-    if (n < 0) n = opus_decode(m_decoder, nullptr, 0, out, static_cast<int>(m_lastFrame), 0);
-    if (n < 0) {
-      std::fill(out, out + m_lastFrame, int16_t{0});
-      n = static_cast<int>(m_lastFrame);
-    }
-    return static_cast<size_t>(n);
+    return m_decoder.conceal(out, maxSamples(), next, nextBytes);
   }
   size_t fillPause(int16_t* out) override {
     // Opus DTX: the decoder's concealment fades into its comfort noise.
     return conceal(out, nullptr, 0);
   }
-  void reset() override { opus_decoder_ctl(m_decoder, OPUS_RESET_STATE); }
+  void reset() override { m_decoder.reset(); }
 
  private:
-  int maxSamples() const { return static_cast<int>(std::min<size_t>(kMaxPacketSamples, m_rate * 120 / 1000)); }
+  size_t maxSamples() const { return std::min<size_t>(kMaxPacketSamples, m_decoder.maxFrames()); }
   uint32_t m_rate;
-  OpusDecoder* m_decoder = nullptr;
-  size_t m_lastFrame;
+  OpusPacketDecoder m_decoder;
 };
 
 // ---------------------------------------------------------------------------
