@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "codecs/speech/codeclib/amrwb/amrwb_decoder.h"
+#include "engines/amrwb/amrwb_decoder.h"
 #include "test_support.h"
 
 namespace {

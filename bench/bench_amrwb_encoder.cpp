@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "codecs/speech/codeclib/amrwb/amrwb_encoder.h"
+#include "engines/amrwb/amrwb_encoder.h"
 #include "test_support.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include <memory>
 #include <vector>
 
-#include "codecs/speech/codeclib/codeclib.h"
+#include "codeclib/codeclib.h"
 #include "quillon/codec.h"
 #include "quillon/trace.h"
 

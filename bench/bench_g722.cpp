@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "codecs/speech/codeclib/g722/g722_engine.h"
+#include "engines/g722/g722_engine.h"
 #include "test_support.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "codecs/waveform/g726_engine.h"
+#include "engines/g726/g726_engine.h"
 #include "quillon/codecs/codec_g72x.h"
 #include "quillon/codecs/codec_msadpcm32.h"
 #include "test_support.h"

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "codecs/speech/g729a/decoder.h"
-#include "codecs/speech/g729a/encoder.h"
+#include "engines/g729/decoder.h"
+#include "engines/g729/encoder.h"
 #include "quillon/trace.h"
 
 namespace {

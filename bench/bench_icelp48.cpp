@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "codecs/speech/icelp48/icelp48_decoder.h"
-#include "codecs/speech/icelp48/icelp48_encoder.h"
+#include "engines/icelp48/icelp48_decoder.h"
+#include "engines/icelp48/icelp48_encoder.h"
 #include "test_support.h"
 
 namespace {

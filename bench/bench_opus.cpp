@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "codecs/speech/opus/opus_stream_writer.h"
+#include "opus_stream_writer.h"
 #include "quillon/codecs/codec_opus.h"
 #include "test_support.h"
 

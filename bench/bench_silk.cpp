@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "codecs/speech/silk/silk_decoder.h"
+#include "engines/silk/silk_decoder.h"
 #include "test_support.h"
 
 namespace {

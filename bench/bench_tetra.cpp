@@ -8,7 +8,7 @@
 #include <iterator>
 #include <vector>
 
-#include "codecs/speech/tetra/tetra_decoder.h"
+#include "engines/tetra/tetra_decoder.h"
 #include "quillon/codecs/codec_tetra.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "codecs/speech/codeclib/amrwb/amrwb_decoder.h"
+#include "engines/amrwb/amrwb_decoder.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   quillon::amrwb::Decoder dec;

@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "codecs/speech/codeclib/amrwb/amrwb_decoder.h"
-#include "codecs/speech/codeclib/amrwb/amrwb_encoder.h"
+#include "engines/amrwb/amrwb_decoder.h"
+#include "engines/amrwb/amrwb_encoder.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1) return 0;

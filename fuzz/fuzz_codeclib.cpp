@@ -9,7 +9,7 @@
 #include <cstring>
 #include <vector>
 
-#include "codecs/speech/codeclib/codeclib.h"
+#include "codeclib/codeclib.h"
 #include "quillon/trace.h"
 
 using namespace quillon::codeclib;

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <vector>
 
-#include "codecs/speech/codeclib/g722/g722_engine.h"
+#include "engines/g722/g722_engine.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "codecs/waveform/g726_engine.h"
+#include "engines/g726/g726_engine.h"
 #include "quillon/codecs/codec_g72x.h"
 
 using namespace TAV;

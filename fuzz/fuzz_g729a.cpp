@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "codecs/speech/g729a/decoder.h"
-#include "codecs/speech/g729a/encoder.h"
+#include "engines/g729/decoder.h"
+#include "engines/g729/encoder.h"
 #include "quillon/codecs/codec_g729a.h"
 #include "quillon/trace.h"
 

@@ -9,9 +9,9 @@
 #include <cstring>
 #include <vector>
 
-#include "codecs/speech/codeclib/codeclib.h"
-#include "codecs/speech/g729a/decoder.h"
-#include "codecs/speech/g729a/encoder.h"
+#include "codeclib/codeclib.h"
+#include "engines/g729/decoder.h"
+#include "engines/g729/encoder.h"
 #include "quillon/trace.h"
 
 namespace {

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <vector>
 
-#include "codecs/speech/icelp48/icelp48_decoder.h"
-#include "codecs/speech/icelp48/icelp48_encoder.h"
+#include "engines/icelp48/icelp48_decoder.h"
+#include "engines/icelp48/icelp48_encoder.h"
 #include "quillon/codecs/codec_icelp48.h"
 
 using namespace quillon::icelp48;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "codecs/speech/codeclib/codeclib.h"
+#include "codeclib/codeclib.h"
 #include "quillon/trace.h"
 
 namespace quillon::test {

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "codecs/speech/codeclib/g722/g722_engine.h"
+#include "engines/g722/g722_engine.h"
 
 namespace quillon::test {
 

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "codecs/speech/codeclib/amrwb/amrwb_decoder.h"
-#include "codecs/speech/codeclib/amrwb/amrwb_encoder.h"
-#include "codecs/speech/codeclib/codeclib.h"
+#include "engines/amrwb/amrwb_decoder.h"
+#include "engines/amrwb/amrwb_encoder.h"
+#include "codeclib/codeclib.h"
 #include "test_support.h"
 
 namespace fs = std::filesystem;

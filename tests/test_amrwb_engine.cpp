@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "codecs/speech/codeclib/amrwb/amrwb_decoder.h"
-#include "codecs/speech/codeclib/amrwb/amrwb_overflow.h"
-#include "codecs/speech/codeclib/amrwb/amrwb_tables.h"
+#include "engines/amrwb/amrwb_decoder.h"
+#include "engines/amrwb/amrwb_overflow.h"
+#include "engines/amrwb/amrwb_tables.h"
 #include "test_support.h"
 
 namespace fs = std::filesystem;

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "codecs/speech/fixedpoint/basic_ops.h"
+#include "primitives/basic_ops.h"
 
 using namespace quillon::fx;
 

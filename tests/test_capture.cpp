@@ -16,8 +16,8 @@
 #include <sstream>
 
 #include "capture_session.h"
-#include "codecs/speech/codeclib/amrwb/amrwb_encoder.h"
-#include "codecs/waveform/g711.h"
+#include "engines/amrwb/amrwb_encoder.h"
+#include "engines/g711/g711.h"
 #include "rtp_test_support.h"
 #include "test_support.h"
 #include "tool_fixture.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "charset/text_conversion.h"
+#include "text_conversion.h"
 #include "quillon/charset.h"
 
 using namespace TAV;

@@ -10,7 +10,7 @@
 #include <memory>
 #include <vector>
 
-#include "codecs/speech/opus/opus_stream_writer.h"
+#include "opus_stream_writer.h"
 #include "quillon/codecs/codec_opus.h"
 #include "quillon/opus_packet_decoder.h"
 #include "test_support.h"

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "codeclib_fake.h"
-#include "codecs/speech/codeclib/g722/g722_engine.h"
+#include "engines/g722/g722_engine.h"
 #include "quillon/codecs/codec_lib_adapter.h"
 #include "test_support.h"
 

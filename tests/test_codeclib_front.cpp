@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "codecs/speech/codeclib/codeclib.h"
+#include "codeclib/codeclib.h"
 #include "codeclib_fake.h"
 
 using namespace quillon::codeclib;

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "codecs/speech/codeclib/codeclib.h"
+#include "codeclib/codeclib.h"
 #include "g729_serial.h"
 #include "test_support.h"
 

@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-#include "codecs/waveform/g711.h"
+#include "engines/g711/g711.h"
 #include "quillon/quillon.h"
 #include "quillon/quillon_c.h"
 #include "quillon/trace.h"

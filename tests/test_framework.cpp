@@ -4,7 +4,7 @@
 #include <numeric>
 #include <vector>
 
-#include "codecs/waveform/g711.h"
+#include "engines/g711/g711.h"
 #include "quillon/quillon.h"
 
 using namespace TAV;

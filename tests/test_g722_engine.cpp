@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "codecs/speech/codeclib/g722/g722_engine.h"
-#include "codecs/speech/codeclib/g722/g722_zero_section.h"
+#include "engines/g722/g722_engine.h"
+#include "engines/g722/g722_zero_section.h"
 #include "test_support.h"
 
 namespace fs = std::filesystem;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "codecs/waveform/g726_engine.h"
+#include "engines/g726/g726_engine.h"
 #include "quillon/codecs/codec_g72x.h"
 #include "test_support.h"
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "codecs/speech/g729a/decoder.h"
-#include "codecs/speech/g729a/encoder.h"
+#include "engines/g729/decoder.h"
+#include "engines/g729/encoder.h"
 #include "g729_serial.h"
 #include "test_support.h"
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "codec/trace.h"
-#include "codecs/speech/g729a/decoder.h"
+#include "engines/g729/decoder.h"
 #include "quillon/codecs/codec_g729a.h"
 #include "test_support.h"
 

@@ -8,8 +8,8 @@
 #include <random>
 #include <vector>
 
-#include "codecs/speech/g729a/dsp.h"
-#include "codecs/speech/g729a/tables.h"
+#include "engines/g729/dsp.h"
+#include "engines/g729/tables.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <cstring>
 #include <vector>
 
-#include "codecs/speech/icelp48/icelp48_decoder.h"
-#include "codecs/speech/icelp48/icelp48_dsp.h"
-#include "codecs/speech/icelp48/icelp48_encoder.h"
+#include "engines/icelp48/icelp48_decoder.h"
+#include "engines/icelp48/icelp48_dsp.h"
+#include "engines/icelp48/icelp48_encoder.h"
 #include "quillon/codecs/codec_icelp48.h"
 #include "quillon/transcoder.h"
 #include "test_support.h"

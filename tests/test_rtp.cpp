@@ -11,11 +11,11 @@
 #include <new>
 #include <thread>
 
-#include "codecs/speech/codeclib/amrwb/amrwb_decoder.h"
-#include "codecs/speech/codeclib/amrwb/amrwb_encoder.h"
-#include "codecs/speech/g729a/decoder.h"
-#include "codecs/speech/g729a/encoder.h"
-#include "codecs/waveform/g711.h"
+#include "engines/amrwb/amrwb_decoder.h"
+#include "engines/amrwb/amrwb_encoder.h"
+#include "engines/g729/decoder.h"
+#include "engines/g729/encoder.h"
+#include "engines/g711/g711.h"
 #include "quillon/rtp.h"
 #include "rtp/waveform_concealer.h"
 #include "allocation_counter.h"

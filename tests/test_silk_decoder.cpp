@@ -3,7 +3,7 @@
 #include <cstring>
 #include <vector>
 
-#include "codecs/speech/silk/silk_decoder.h"
+#include "engines/silk/silk_decoder.h"
 #include "test_support.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "codecs/speech/tetra/tetra_decoder.h"
+#include "engines/tetra/tetra_decoder.h"
 #include "quillon/codecs/codec_tetra.h"
 #include "test_support.h"
 

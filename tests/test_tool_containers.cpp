@@ -6,8 +6,8 @@
 #include <fstream>
 #include <random>
 
-#include "codecs/speech/opus/opus_stream_writer.h"
-#include "codecs/waveform/g711.h"
+#include "opus_stream_writer.h"
+#include "engines/g711/g711.h"
 #include "containers.h"
 #include "convert.h"
 #include "test_support.h"

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <fstream>
 
-#include "codecs/waveform/g711.h"
+#include "engines/g711/g711.h"
 #include "quillon/quillon_c.h"
 #include "test_support.h"
 #include "tool_fixture.h"

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "charset/text_conversion.h"
+#include "text_conversion.h"
 #include "commands.h"
 #include "output_file.h"
 

@@ -1,6 +1,6 @@
 #include "demo_streams.h"
 
-#include "codecs/speech/opus/opus_stream_writer.h"
+#include "opus_stream_writer.h"
 
 namespace quillon::tool {
 

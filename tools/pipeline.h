@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "codecs/speech/codeclib/amrwb/amrwb_encoder.h"
-#include "codecs/speech/icelp48/icelp48_encoder.h"
+#include "engines/amrwb/amrwb_encoder.h"
+#include "engines/icelp48/icelp48_encoder.h"
 #include "quillon/quillon.h"
 
 namespace quillon::tool {

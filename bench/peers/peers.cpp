@@ -19,10 +19,10 @@
 #include <string>
 #include <vector>
 
-#include "codecs/speech/codeclib/amrwb/amrwb_decoder.h"
-#include "codecs/speech/codeclib/amrwb/amrwb_encoder.h"
-#include "codecs/speech/g729a/decoder.h"
-#include "codecs/speech/g729a/encoder.h"
+#include "engines/amrwb/amrwb_decoder.h"
+#include "engines/amrwb/amrwb_encoder.h"
+#include "engines/g729/decoder.h"
+#include "engines/g729/encoder.h"
 #include "quillon/codecs/codec_g72x.h"
 #include "quillon/codecs/codec_msadpcm32.h"
 #include "quillon/trace.h"

@@ -5,11 +5,11 @@
 #include <new>
 #include <vector>
 
-#include "codecs/speech/codeclib/amrwb/amrwb_decoder.h"
-#include "codecs/speech/codeclib/g722/g722_engine.h"
-#include "codecs/speech/g729a/decoder.h"
-#include "codecs/speech/silk/silk_decoder.h"
-#include "codecs/waveform/g711.h"
+#include "engines/amrwb/amrwb_decoder.h"
+#include "engines/g722/g722_engine.h"
+#include "engines/g729/decoder.h"
+#include "engines/silk/silk_decoder.h"
+#include "engines/g711/g711.h"
 #include "quillon/codecs/codec_g72x.h"
 #include "quillon/opus_packet_decoder.h"
 #include "rtp/waveform_concealer.h"

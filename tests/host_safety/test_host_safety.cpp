@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "codecs/speech/g729a/dsp.h"
+#include "engines/g729/dsp.h"
 #include "quillon/audio_format.h"
 #include "quillon/codec.h"
 #include "quillon/fatal_error.h"
