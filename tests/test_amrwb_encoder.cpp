@@ -10,6 +10,7 @@
 #include "engines/amrwb/amrwb_decoder.h"
 #include "engines/amrwb/amrwb_encoder.h"
 #include "codeclib/codeclib.h"
+#include "quillon/encoders.h"
 #include "test_support.h"
 
 namespace fs = std::filesystem;
@@ -200,4 +201,39 @@ TEST(AmrWbEncoder, HomingFrameResetsEncoderAndDecoder) {
     EXPECT_EQ(std::vector<int16_t>(outUsed, outUsed + 320), std::vector<int16_t>(outFresh, outFresh + 320))
         << "mode " << mode;
   }
+}
+
+// The public stream encoder: any chunking gives the engine's frames, each
+// behind its 16-bit little-endian length, the last partial frame padded
+// with silence; reset() starts afresh.
+TEST(AmrWbEncoder, StreamEncoderFramesAnyChunking) {
+  QUILLON_REQUIRE_VECTORS(dir, "amrwb-3gpp");
+  std::vector<int16_t> speech = readPcm16(dir / "orig" / "tst.inp");
+  speech.resize(std::min<size_t>(speech.size(), 50 * 320) - 17);
+  std::vector<int16_t> padded = speech;
+  padded.resize((speech.size() + 319) / 320 * 320, 0);
+  std::vector<uint8_t> want;
+  Encoder enc;
+  uint8_t frame[Encoder::kMaxFrameBytes];
+  for (size_t i = 0; i < padded.size(); i += 320) {
+    const int n = enc.encodeFrame(padded.data() + i, 7, true, frame);
+    want.push_back(static_cast<uint8_t>(n));
+    want.push_back(0);
+    want.insert(want.end(), frame, frame + n);
+  }
+  quillon::AmrWbStreamEncoder stream(7, true);
+  for (size_t chunk : {size_t{1000}, size_t{77}, size_t{320}}) {
+    std::vector<uint8_t> got;
+    for (size_t i = 0; i < speech.size(); i += chunk)
+      stream.feed(speech.data() + i, std::min(chunk, speech.size() - i), got);
+    EXPECT_EQ(stream.heldSamples(), speech.size() % 320);
+    stream.flush(got);
+    EXPECT_EQ(got, want) << chunk;
+    stream.reset();
+  }
+  // A mode out of range encodes nothing.
+  quillon::AmrWbStreamEncoder bad(9, false);
+  std::vector<uint8_t> none;
+  bad.feed(speech.data(), 640, none);
+  EXPECT_TRUE(none.empty());
 }

@@ -17,7 +17,7 @@
 
 #include "capture_session.h"
 #include "engines/amrwb/amrwb_encoder.h"
-#include "engines/g711/g711.h"
+#include "primitives/g711.h"
 #include "rtp_test_support.h"
 #include "test_support.h"
 #include "tool_fixture.h"

@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-#include "engines/g711/g711.h"
+#include "primitives/g711.h"
 #include "quillon/quillon.h"
 #include "quillon/quillon_c.h"
 #include "quillon/trace.h"

@@ -4,7 +4,7 @@
 #include <numeric>
 #include <vector>
 
-#include "engines/g711/g711.h"
+#include "primitives/g711.h"
 #include "quillon/quillon.h"
 
 using namespace TAV;

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "engines/g711/g711.h"
+#include "primitives/g711.h"
 #include "quillon/codecs/codec_g711.h"
 #include "quillon/codecs/codec_pcm_linear.h"
 #include "test_support.h"

@@ -12,6 +12,7 @@
 #include "engines/icelp48/icelp48_decoder.h"
 #include "engines/icelp48/icelp48_dsp.h"
 #include "engines/icelp48/icelp48_encoder.h"
+#include "quillon/encoders.h"
 #include "quillon/codecs/codec_icelp48.h"
 #include "quillon/transcoder.h"
 #include "test_support.h"
@@ -540,7 +541,7 @@ TEST(Icelp48RoundTrip, StreamEncoderMatchesWholeFrames) {
     whole.encode(&padded[static_cast<size_t>(f * kFrameSamples)], b);
     expect.insert(expect.end(), b, b + kFrameBytes);
   }
-  Icelp48StreamEncoder stream;
+  quillon::Icelp48StreamEncoder stream;
   std::vector<uint8_t> got;
   for (size_t i = 0; i < pcm.size(); i += 97) stream.feed(&pcm[i], std::min<size_t>(97, pcm.size() - i), got);
   EXPECT_EQ(got.size(), 5u * kFrameBytes);

@@ -15,7 +15,7 @@
 #include "engines/amrwb/amrwb_encoder.h"
 #include "engines/g729/decoder.h"
 #include "engines/g729/encoder.h"
-#include "engines/g711/g711.h"
+#include "primitives/g711.h"
 #include "quillon/rtp.h"
 #include "rtp/waveform_concealer.h"
 #include "allocation_counter.h"

@@ -7,7 +7,7 @@
 #include <fstream>
 #include <random>
 
-#include "engines/g711/g711.h"
+#include "primitives/g711.h"
 #include "pipeline.h"
 #include "test_support.h"
 #include "tool_fixture.h"

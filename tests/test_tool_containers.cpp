@@ -7,7 +7,7 @@
 #include <random>
 
 #include "opus_stream_writer.h"
-#include "engines/g711/g711.h"
+#include "primitives/g711.h"
 #include "containers.h"
 #include "convert.h"
 #include "test_support.h"

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <fstream>
 
-#include "engines/g711/g711.h"
+#include "primitives/g711.h"
 #include "quillon/quillon_c.h"
 #include "test_support.h"
 #include "tool_fixture.h"

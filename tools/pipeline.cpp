@@ -327,43 +327,6 @@ bool DecodePipeline::feed(const uint8_t* data, size_t bytes, const PcmSink& sink
   return true;
 }
 
-void AmrWbStreamEncoder::emit(const int16_t* frame, std::vector<uint8_t>& out) {
-  uint8_t coded[amrwb::Encoder::kMaxFrameBytes];
-  const int n = m_encoder.encodeFrame(frame, m_mode, m_dtx, coded);
-  if (n <= 0) return;
-  out.push_back(static_cast<uint8_t>(n & 0xff));
-  out.push_back(static_cast<uint8_t>(n >> 8));
-  out.insert(out.end(), coded, coded + n);
-}
-
-void AmrWbStreamEncoder::feed(const int16_t* pcm, size_t samples, std::vector<uint8_t>& out) {
-  constexpr size_t kFrame = amrwb::Encoder::kInputSamples;
-  while (samples > 0) {
-    if (m_held == 0 && samples >= kFrame) {
-      emit(pcm, out);
-      pcm += kFrame;
-      samples -= kFrame;
-      continue;
-    }
-    const size_t take = std::min(samples, kFrame - m_held);
-    std::copy(pcm, pcm + take, m_buffer + m_held);
-    m_held += take;
-    pcm += take;
-    samples -= take;
-    if (m_held == kFrame) {
-      emit(m_buffer, out);
-      m_held = 0;
-    }
-  }
-}
-
-void AmrWbStreamEncoder::flush(std::vector<uint8_t>& out) {
-  if (m_held == 0) return;
-  std::fill(m_buffer + m_held, m_buffer + amrwb::Encoder::kInputSamples, 0);
-  emit(m_buffer, out);
-  m_held = 0;
-}
-
 bool EncodePipeline::open(CompressionType code, uint32_t inRate, std::string& error,
                           const EncodeOptions& options) {
   const AudioFormat out(code, 1);
@@ -385,7 +348,7 @@ bool EncodePipeline::open(CompressionType code, uint32_t inRate, std::string& er
     if (!m_halver->open(error)) return false;
   }
   if (code == CT_ICELP48) {
-    m_icelp48 = std::make_unique<icelp48::Icelp48StreamEncoder>();
+    m_frames = std::make_unique<Icelp48StreamEncoder>();
     return true;
   }
   if (code == CT_AMRWB) {
@@ -393,7 +356,7 @@ bool EncodePipeline::open(CompressionType code, uint32_t inRate, std::string& er
       error = "AMR-WB mode must be 0 to 8, not " + std::to_string(options.amrwbMode);
       return false;
     }
-    m_amrwb = std::make_unique<AmrWbStreamEncoder>(options.amrwbMode, options.amrwbDtx);
+    m_frames = std::make_unique<AmrWbStreamEncoder>(options.amrwbMode, options.amrwbDtx);
     return true;
   }
   // PCM straight into the encoder: it holds back partial frames itself.
@@ -413,8 +376,7 @@ void EncodePipeline::feed(const int16_t* pcm, size_t samples, std::vector<uint8_
 
 void EncodePipeline::encode(const int16_t* pcm, size_t samples, std::vector<uint8_t>& out) {
   if (samples == 0) return;
-  if (m_icelp48) return m_icelp48->feed(pcm, samples, out);
-  if (m_amrwb) return m_amrwb->feed(pcm, samples, out);
+  if (m_frames) return m_frames->feed(pcm, samples, out);
   uint32_t inBytes = static_cast<uint32_t>(samples * 2);
   // Room for this input plus whatever the encoder held back before.
   const uint32_t capacity = inBytes + 65536;
@@ -425,8 +387,7 @@ void EncodePipeline::encode(const int16_t* pcm, size_t samples, std::vector<uint
 }
 
 void EncodePipeline::flush(std::vector<uint8_t>& out) {
-  if (m_icelp48) return m_icelp48->flush(out);
-  if (m_amrwb) return m_amrwb->flush(out);
+  if (m_frames) return m_frames->flush(out);
   // An empty call asks frame encoders to pad and emit a partial last frame.
   uint32_t none = 0;
   m_outBuffer.resize(65536);

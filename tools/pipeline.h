@@ -10,8 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "engines/amrwb/amrwb_encoder.h"
-#include "engines/icelp48/icelp48_encoder.h"
 #include "quillon/quillon.h"
 
 namespace quillon::tool {
@@ -96,25 +94,6 @@ struct EncodeOptions {
   bool amrwbDtx = false;  // AMR-WB discontinuous transmission (SID/NO_DATA in pauses)
 };
 
-// AMR-WB encoding to the length-prefixed stream the decoder reads: per 20 ms
-// frame a 16-bit little-endian byte count, then the storage-layout frame.
-class AmrWbStreamEncoder {
- public:
-  AmrWbStreamEncoder(int mode, bool dtx) : m_mode(mode), m_dtx(dtx) {}
-  void feed(const int16_t* pcm, size_t samples, std::vector<uint8_t>& out);
-  // Encodes the held samples (if any) as a last, zero-padded frame.
-  void flush(std::vector<uint8_t>& out);
-
- private:
-  void emit(const int16_t* frame, std::vector<uint8_t>& out);
-
-  amrwb::Encoder m_encoder;
-  int m_mode;
-  bool m_dtx;
-  int16_t m_buffer[amrwb::Encoder::kInputSamples] = {};
-  size_t m_held = 0;
-};
-
 class EncodePipeline {
  public:
   // `inRate` is the PCM's rate (8000 or 16000); 16 kHz input for an 8 kHz
@@ -130,10 +109,9 @@ class EncodePipeline {
   void encode(const int16_t* pcm, size_t samples, std::vector<uint8_t>& out);
 
   TAV::TransCoder m_transcoder;
-  // ICELP48 has no TAV::Codec encoder: its engine is driven directly.
-  std::unique_ptr<icelp48::Icelp48StreamEncoder> m_icelp48;
-  // AMR-WB's TAV::Codec is decode-only: its engine is driven directly too.
-  std::unique_ptr<AmrWbStreamEncoder> m_amrwb;
+  // ICELP48 has no TAV::Codec encoder and AMR-WB's is decode-only: their
+  // stream encoders serve instead.
+  std::unique_ptr<StreamEncoder> m_frames;
   std::unique_ptr<Halver> m_halver;
   std::vector<int16_t> m_halved;
   std::vector<uint8_t> m_outBuffer;

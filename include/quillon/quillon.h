@@ -18,6 +18,7 @@
 #include "quillon/codecs/codec_pcm_linear.h"
 #include "quillon/codecs/codec_opus.h"
 #include "quillon/opus_packet_decoder.h"
+#include "quillon/encoders.h"
 #include "quillon/codecs/codec_silk.h"
 #include "quillon/codecs/codec_tetra.h"
 #include "quillon/codecs/codec_icelp48.h"

@@ -1,6 +1,6 @@
 #include "quillon/codecs/codec_g711.h"
 
-#include "engines/g711/g711.h"
+#include "primitives/g711.h"
 
 namespace TAV {
 

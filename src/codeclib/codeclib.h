@@ -12,7 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "quillon/codecs/codec_lib_adapter.h"
+#include "quillon/codecs/codec_lib_options.h"
 
 namespace quillon::codeclib {
 

@@ -4,7 +4,7 @@
 #include <cstdlib>
 
 #include "codeclib/codeclib.h"
-#include "engines/g711/g711.h"
+#include "primitives/g711.h"
 
 namespace quillon::codeclib {
 

@@ -9,7 +9,7 @@
 #include "engines/g722/g722_engine.h"
 #include "engines/g729/decoder.h"
 #include "engines/silk/silk_decoder.h"
-#include "engines/g711/g711.h"
+#include "primitives/g711.h"
 #include "quillon/codecs/codec_g72x.h"
 #include "quillon/opus_packet_decoder.h"
 #include "rtp/waveform_concealer.h"

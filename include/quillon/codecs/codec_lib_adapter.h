@@ -6,23 +6,10 @@
 #define QUILLON_CODECS_CODEC_LIB_ADAPTER_H
 
 #include "quillon/codec.h"
+#include "quillon/codecs/codec_lib_options.h"
 
 namespace quillon::codeclib {
-
-struct HandleRes;
-
-// The codecLib options record: the caller owns it and passes it to every
-// engine call. A query without info record clears it and writes the
-// engine's defaults.
-struct CodecLibOptions {
-  TAV::int16 mode;         // G.722 mode (1..3) or AMR-WB mode index
-  TAV::int16 badFrame;     // frame-erasure flag for the decoder; > 0 marks a bad frame
-  TAV::int16 param;        // engine parameter word
-  TAV::int16 dtx;          // AMR-WB encoder DTX switch
-  TAV::int32 frameLength;  // G.722 frame in samples
-  TAV::int32 engine[12];   // the engines' own fields
-};
-
+struct HandleRes;  // an open engine handle
 }  // namespace quillon::codeclib
 
 namespace TAV {

@@ -1,6 +1,6 @@
 #include "engines/g726/g726_engine.h"
 
-#include "engines/g711/g711.h"
+#include "primitives/g711.h"
 
 #include <algorithm>
 #include <bit>

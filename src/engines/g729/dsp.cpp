@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "codec/fatal.h"
-#include "codec/trace.h"
+#include "primitives/diagnostics.h"
 #include "engines/g729/tables.h"
 
 namespace quillon::g729a {
@@ -13,9 +12,9 @@ Word16 Dsp::div_s(Word16 num, Word16 den) {
   if (num > den || num < 0 || den < 0) {
     char line[64];
     std::snprintf(line, sizeof line, "Division Error var1=%d  var2=%d\n", num, den);
-    raiseFatal(0, line);
+    diag::fatal(0, line);
   }
-  if (den == 0) raiseFatal(0, "Division by 0, Fatal error \n");
+  if (den == 0) diag::fatal(0, "Division by 0, Fatal error \n");
   return fx::BasicOps::div_s(num, den);
 }
 
@@ -393,14 +392,14 @@ void Dsp::lspStabilise(Word16* buf) {
   }
   if (sub(buf[0], 40) < 0) {
     buf[0] = 40;
-    tracePrintf("lsp_stability warning Low \n");
+    diag::traceLine("lsp_stability warning Low \n");
   }
   for (int j = 0; j < kOrder - 1; j++) {
     if (L_sub(L_sub(buf[j + 1], buf[j]), 321) < 0) buf[j + 1] = add(buf[j], 321);
   }
   if (sub(buf[kOrder - 1], 25681) > 0) {
     buf[kOrder - 1] = 25681;
-    tracePrintf("lsp_stability warning High \n");
+    diag::traceLine("lsp_stability warning High \n");
   }
 }
 

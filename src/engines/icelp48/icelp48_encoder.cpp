@@ -356,37 +356,4 @@ void Icelp48Encoder::encode(const int16_t pcm[kFrameSamples], uint8_t frame[kFra
   bytesFromWords(words, frame);
 }
 
-void Icelp48StreamEncoder::emit(const int16_t* frame, std::vector<uint8_t>& out) {
-  uint8_t bytes[kFrameBytes];
-  m_encoder.encode(frame, bytes);
-  out.insert(out.end(), bytes, bytes + kFrameBytes);
-}
-
-void Icelp48StreamEncoder::feed(const int16_t* pcm, size_t samples, std::vector<uint8_t>& out) {
-  while (samples > 0) {
-    if (m_held == 0 && samples >= static_cast<size_t>(kFrameSamples)) {
-      emit(pcm, out);
-      pcm += kFrameSamples;
-      samples -= kFrameSamples;
-      continue;
-    }
-    const size_t take = std::min(samples, static_cast<size_t>(kFrameSamples) - m_held);
-    std::memcpy(m_buffer + m_held, pcm, take * sizeof(int16_t));
-    m_held += take;
-    pcm += take;
-    samples -= take;
-    if (m_held == static_cast<size_t>(kFrameSamples)) {
-      emit(m_buffer, out);
-      m_held = 0;
-    }
-  }
-}
-
-void Icelp48StreamEncoder::flush(std::vector<uint8_t>& out) {
-  if (m_held == 0) return;
-  std::memset(m_buffer + m_held, 0, (kFrameSamples - m_held) * sizeof(int16_t));
-  emit(m_buffer, out);
-  m_held = 0;
-}
-
 }  // namespace quillon::icelp48

@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 #include "engines/icelp48/icelp48_frame.h"
 
@@ -40,29 +39,6 @@ class Icelp48Encoder {
   float weighted_[kWeightedHistory + kFrameSamples];  // weighted input, with history
   int alternation_;
   FrameParams params_;
-};
-
-// Streaming front for callers with PCM of any length (the command-line
-// tool): whole frames are encoded as they fill, a partial frame waits for
-// the next call, and flush() encodes it padded with silence.
-class Icelp48StreamEncoder {
- public:
-  void reset() {
-    m_encoder.reset();
-    m_held = 0;
-  }
-  // Appends 18 bytes to out for every 240 samples completed.
-  void feed(const int16_t* pcm, size_t samples, std::vector<uint8_t>& out);
-  // Encodes the held samples (if any) as a last, zero-padded frame.
-  void flush(std::vector<uint8_t>& out);
-  size_t heldSamples() const { return m_held; }
-
- private:
-  void emit(const int16_t* frame, std::vector<uint8_t>& out);
-
-  Icelp48Encoder m_encoder;
-  int16_t m_buffer[kFrameSamples] = {};
-  size_t m_held = 0;
 };
 
 }  // namespace quillon::icelp48
