@@ -1,8 +1,8 @@
 // The ITU-T / ETSI fixed-point basic operators (16/32-bit saturating
 // arithmetic as the speech-codec reference implementations define it).
 //
-// The operators are members of BasicOps so that the overflow and carry
-// flags live in the engine that uses them: an engine derives from (or
+// The operators are members of BasicOps so that the overflow flag lives
+// in the engine that uses it: an engine derives from (or
 // holds) a BasicOps and calls add(), L_mult(), ... unqualified. Two engines
 // never share a flag. Operators that cannot overflow are static.
 #ifndef QUILLON_FIXEDPOINT_BASIC_OPS_H
@@ -24,8 +24,6 @@ class BasicOps {
  public:
   // Set by any operator that saturated; never cleared by the operators.
   bool Overflow = false;
-  // Carry of the L_add_c / L_sub_c family.
-  bool Carry = false;
 
   // ---- 16-bit -------------------------------------------------------------
   Word16 saturate(Word32 v) {
@@ -107,44 +105,6 @@ class BasicOps {
   Word32 L_mac(Word32 acc, Word16 a, Word16 b) { return L_add(acc, L_mult(a, b)); }
   Word32 L_msu(Word32 acc, Word16 a, Word16 b) { return L_sub(acc, L_mult(a, b)); }
 
-  // Add/subtract with carry (the "Ns" multiply-accumulate variants use them).
-  Word32 L_add_c(Word32 a, Word32 b) {
-    Word32 test = static_cast<Word32>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
-    Word32 out = static_cast<Word32>(static_cast<uint32_t>(test) + (Carry ? 1u : 0u));
-    bool carryOut;
-    if (a > 0 && b > 0 && test < 0) { Overflow = true; carryOut = false; }
-    else if (a < 0 && b < 0) { Overflow = test >= 0; carryOut = true; }
-    else if ((a ^ b) < 0 && test >= 0) { Overflow = false; carryOut = true; }
-    else { Overflow = false; carryOut = false; }
-    if (Carry) {
-      if (test == MAX_32) { Overflow = true; Carry = carryOut; }
-      else Carry = (test == -1) ? true : carryOut;
-    } else {
-      Carry = carryOut;
-    }
-    return out;
-  }
-  Word32 L_sub_c(Word32 a, Word32 b) {
-    if (Carry) {
-      Carry = false;
-      if (b != MIN_32) return L_add_c(a, -b);
-      Word32 out = static_cast<Word32>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b));
-      if (a > 0) { Overflow = true; Carry = false; }
-      return out;
-    }
-    Word32 out = static_cast<Word32>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b) - 1u);
-    Word32 test = static_cast<Word32>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b));
-    bool carryOut = false;
-    if (test < 0 && a > 0 && b < 0) { Overflow = true; carryOut = false; }
-    else if (test > 0 && a < 0 && b > 0) { Overflow = true; carryOut = true; }
-    else if (test > 0 && (a ^ b) > 0) { Overflow = false; carryOut = true; }
-    if (test == MIN_32) { Overflow = true; Carry = carryOut; }
-    else Carry = carryOut;
-    return out;
-  }
-  Word32 L_macNs(Word32 acc, Word16 a, Word16 b) { return L_add_c(acc, L_mult(a, b)); }
-  Word32 L_msuNs(Word32 acc, Word16 a, Word16 b) { return L_sub_c(acc, L_mult(a, b)); }
-
   // Saturates exactly when the reference's bit-by-bit loop would: when
   // L * 2^n does not fit in 32 bits.
   Word32 L_shl(Word32 L, Word16 n) {
@@ -176,16 +136,6 @@ class BasicOps {
     return static_cast<Word16>(__builtin_clz(static_cast<uint32_t>(v)) - 1);
   }
   Word16 round(Word32 L) { return extract_h(L_add(L, 0x8000)); }
-  Word16 mac_r(Word32 acc, Word16 a, Word16 b) { return round(L_mac(acc, a, b)); }
-  Word16 msu_r(Word32 acc, Word16 a, Word16 b) { return round(L_msu(acc, a, b)); }
-  Word32 L_sat(Word32 L) {
-    if (Overflow) {
-      L = Carry ? MIN_32 : MAX_32;
-      Carry = false;
-      Overflow = false;
-    }
-    return L;
-  }
 
   // Fractional division num/den for 0 <= num <= den, den > 0 (15-bit
   // quotient). Callers own the check of that precondition: the reference

@@ -5,6 +5,7 @@
 #include "engines/amrwb/amrwb_decoder.h"
 #include "engines/amrwb/amrwb_overflow.h"
 #include "engines/amrwb/amrwb_tables.h"
+#include "primitives/celp_math.h"
 
 namespace quillon::amrwb {
 
@@ -506,8 +507,7 @@ void Dsp::isqrtNorm(Word32& frac, Word16& exp) {
   const Word16 i = sub(extract_h(frac), 16);
   frac = L_shr(frac, 1);
   const Word16 a = static_cast<Word16>(extract_l(frac) & 0x7fff);
-  const Word16 d = sub(tables::kInvSqrtGrid[i], tables::kInvSqrtGrid[i + 1]);
-  frac = L_msu(L_deposit_h(tables::kInvSqrtGrid[i]), d, a);
+  frac = fx::interpolate(*this, fx::kInvSqrtTable, i, a);
 }
 
 Word32 Dsp::isqrt(Word32 x) {
@@ -518,31 +518,8 @@ Word32 Dsp::isqrt(Word32 x) {
   return shiftLeft16(x, exp);
 }
 
-Word32 Dsp::pow2(Word16 exponent, Word16 fraction) {
-  Word32 x = L_mult(fraction, 32);
-  const Word16 i = extract_h(x);
-  x = L_shr(x, 1);
-  const Word16 a = static_cast<Word16>(extract_l(x) & 0x7fff);
-  const Word16 d = sub(tables::kPow2Grid[i], tables::kPow2Grid[i + 1]);
-  x = L_msu(L_deposit_h(tables::kPow2Grid[i]), d, a);
-  return L_shr_r(x, sub(30, exponent));
-}
+Word32 Dsp::pow2(Word16 exponent, Word16 fraction) { return fx::pow2(*this, exponent, fraction); }
 
-void Dsp::log2(Word32 x, Word16& exponent, Word16& fraction) {
-  const Word16 n = norm_l(x);
-  x = L_shl(x, n);
-  if (x <= 0) {
-    exponent = 0;
-    fraction = 0;
-    return;
-  }
-  exponent = sub(30, n);
-  x = L_shr(x, 9);
-  const Word16 i = sub(extract_h(x), 32);
-  x = L_shr(x, 1);
-  const Word16 a = static_cast<Word16>(extract_l(x) & 0x7fff);
-  const Word16 d = sub(tables::kLog2Grid[i], tables::kLog2Grid[i + 1]);
-  fraction = extract_h(L_msu(L_deposit_h(tables::kLog2Grid[i]), d, a));
-}
+void Dsp::log2(Word32 x, Word16& exponent, Word16& fraction) { fx::log2(*this, x, exponent, fraction); }
 
 }  // namespace quillon::amrwb

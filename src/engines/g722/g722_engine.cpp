@@ -199,7 +199,6 @@ void SubBandCore::resetCore() {
   std::memset(qmf_, 0, sizeof qmf_);
   qmfPos_ = kQmfTaps - 2;
   Overflow = false;
-  Carry = false;
 }
 
 int16_t* SubBandCore::qmfSlot() {

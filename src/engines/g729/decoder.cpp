@@ -26,7 +26,6 @@ constexpr Word16 kLspSidInit[kOrder] = {31441, 27566, 21458, 13612, 4663, -4663,
 
 void Decoder::reset() {
   Overflow = false;
-  Carry = false;
   std::memset(m_excBuf, 0, sizeof m_excBuf);
   std::memset(m_synMem, 0, sizeof m_synMem);
   std::memcpy(m_lspOld, kLspInit, sizeof m_lspOld);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "primitives/celp_math.h"
 #include "primitives/diagnostics.h"
 #include "engines/g729/tables.h"
 
@@ -271,36 +272,9 @@ void Dsp::predictLongTerm(Word16* exc, int t0, int frac, int n) {
   }
 }
 
-Word32 Dsp::pow2(Word16 exponent, Word16 fraction) {
-  Word32 x = L_mult(fraction, 32);
-  Word16 i = extract_h(x);
-  x = L_shr(x, 1);
-  Word16 a = extract_l(x) & 0x7fff;
-  x = L_deposit_h(tab::kPow2Table[i]);
-  Word16 tmp = sub(tab::kPow2Table[i], tab::kPow2Table[i + 1]);
-  x = L_msu(x, tmp, a);
-  return L_shr_r(x, sub(30, exponent));
-}
+Word32 Dsp::pow2(Word16 exponent, Word16 fraction) { return fx::pow2(*this, exponent, fraction); }
 
-void Dsp::log2(Word32 x, Word16& exponent, Word16& fraction) {
-  if (x <= 0) {
-    exponent = 0;
-    fraction = 0;
-    return;
-  }
-  Word16 e = norm_l(x);
-  x = L_shl(x, e);
-  exponent = sub(30, e);
-  x = L_shr(x, 9);
-  Word16 i = extract_h(x);
-  x = L_shr(x, 1);
-  Word16 a = extract_l(x) & 0x7fff;
-  i = sub(i, 32);
-  Word32 y = L_deposit_h(tab::kLog2Table[i]);
-  Word16 tmp = sub(tab::kLog2Table[i], tab::kLog2Table[i + 1]);
-  y = L_msu(y, tmp, a);
-  fraction = extract_h(y);
-}
+void Dsp::log2(Word32 x, Word16& exponent, Word16& fraction) { fx::log2(*this, x, exponent, fraction); }
 
 Word32 Dsp::invSqrt(Word32 x) {
   if (x <= 0) return 0x3fffffff;
@@ -314,10 +288,7 @@ Word32 Dsp::invSqrt(Word32 x) {
   x = L_shr(x, 1);
   Word16 a = extract_l(x) & 0x7fff;
   i = sub(i, 16);
-  Word32 y = L_deposit_h(tab::kInvSqrtTable[i]);
-  Word16 tmp = sub(tab::kInvSqrtTable[i], tab::kInvSqrtTable[i + 1]);
-  y = L_msu(y, tmp, a);
-  return L_shr(y, e);
+  return L_shr(fx::interpolate(*this, fx::kInvSqrtTable, i, a), e);
 }
 
 void Dsp::predictGain(const Word16* pastEnergy, const Word16* code, Word16& gcode0, Word16& expGcode0) {

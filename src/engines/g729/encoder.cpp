@@ -51,7 +51,6 @@ inline Word16* block(Word16* rr, int x, int y) { return rr + kTracks * kPosition
 
 void Encoder::reset() {
   Overflow = false;
-  Carry = false;
   std::memset(m_speech, 0, sizeof m_speech);
   std::memset(m_wspBuf, 0, sizeof m_wspBuf);
   std::memset(m_excBuf, 0, sizeof m_excBuf);

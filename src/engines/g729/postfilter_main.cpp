@@ -18,7 +18,6 @@ constexpr Word16 kAgc1 = static_cast<Word16>(32768 - kAgc);
 
 void MainPostFilter::reset() {
   Overflow = false;
-  Carry = false;
   std::memset(m_res, 0, sizeof m_res);
   std::memset(m_stpMem, 0, sizeof m_stpMem);
   m_gain = 16384;

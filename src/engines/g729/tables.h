@@ -42,9 +42,6 @@ extern const int16_t kPostHpB[3];
 extern const int16_t kPostHpA[3];
 extern const int16_t kPreHpB[3];
 extern const int16_t kPreHpA[3];
-extern const int16_t kPow2Table[33];
-extern const int16_t kLog2Table[33];
-extern const int16_t kInvSqrtTable[49];
 extern const int16_t kTamingZone[153];
 // Main-body post-filter: 1/8-sample interpolation filters, phases 1..7
 // (4 and 16 taps).

@@ -26,7 +26,6 @@ inline Word16 inc(Word16 v) { return static_cast<Word16>(v + 1); }
 
 void VoiceActivityDetector::reset() {
   Overflow = false;
-  Carry = false;
   std::memset(m_meanLsf, 0, sizeof m_meanLsf);
   std::memset(m_minBuffer, 0, sizeof m_minBuffer);
   m_prevMin = m_nextMin = 0;

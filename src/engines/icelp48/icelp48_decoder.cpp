@@ -37,7 +37,6 @@ Icelp48Decoder::Icelp48Decoder(const Icelp48Config& config) { reset(config); }
 
 void Icelp48Decoder::reset(const Icelp48Config& config) {
   Overflow = false;
-  Carry = false;
   forceNoise_ = config.words[kCfgForceNoise];
   syncEnable_ = config.words[kCfgSyncEnable];
   syncFrames_ = config.words[kCfgSyncFrames];

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "engines/tetra/tetra_tables.h"
+#include "primitives/celp_math.h"
 
 // The synthesis filter's feedback sum and the output doubling use SSE2
 // when the target has it (plain C++ otherwise, with the same results).
@@ -142,35 +143,9 @@ class FrameDecoder {
 // ---------------------------------------------------------------------------
 // Logarithm and power of two (table interpolation, TETRA tables).
 
-void FrameDecoder::log2(Word32 L, Word16& exponent, Word16& fraction) {
-  if (L <= 0) {
-    exponent = 0;
-    fraction = 0;
-    return;
-  }
-  Word16 n = fx::BasicOps::norm_l(L);
-  L = op_.L_shl(L, n);
-  exponent = static_cast<Word16>(30 - n);
-  L = op_.L_shr(L, 9);
-  int i = fx::BasicOps::extract_h(L) - 32;  // 0..31 for a normalised value
-  L = op_.L_shr(L, 1);
-  Word16 a = static_cast<Word16>(fx::BasicOps::extract_l(L) & 0x7fff);
-  Word32 y = fx::BasicOps::L_deposit_h(kLog2Table[i]);
-  y = op_.L_msu(y, op_.sub(kLog2Table[i], kLog2Table[i + 1]), a);
-  fraction = fx::BasicOps::extract_h(y);
-}
+void FrameDecoder::log2(Word32 L, Word16& exponent, Word16& fraction) { fx::log2(op_, L, exponent, fraction); }
 
-Word32 FrameDecoder::pow2(Word16 exponent, Word16 fraction) {
-  Word32 L = op_.L_shl(fraction, 6);
-  // fraction is the low part of a split value, so 0..32767 and i is 0..31;
-  // the mask only keeps the table access in range whatever happens.
-  int i = fx::BasicOps::extract_h(L) & 31;
-  L = op_.L_shr(L, 1);
-  Word16 a = static_cast<Word16>(fx::BasicOps::extract_l(L) & 0x7fff);
-  L = fx::BasicOps::L_deposit_h(kPow2Table[i]);
-  L = op_.L_msu(L, op_.sub(kPow2Table[i], kPow2Table[i + 1]), a);
-  return op_.L_shr_r(L, op_.sub(30, exponent));
-}
+Word32 FrameDecoder::pow2(Word16 exponent, Word16 fraction) { return fx::pow2(op_, exponent, fraction); }
 
 // ---------------------------------------------------------------------------
 // LSP dequantisation and conversion to LPC coefficients.
@@ -637,7 +612,6 @@ void resetTetraDecoder(TetraDecoderState& state) {
   state.pitchEnergy = 0;
   state.codeEnergy = 0;
   state.Overflow = false;
-  state.Carry = false;
   state.homing = 1;
   state.badFrameOverride = 0;
   std::memset(state.lastGoodParams, 0, sizeof(state.lastGoodParams));

@@ -19,8 +19,6 @@ inline constexpr std::array<int16_t, 32> kThirdTaps = {
     -47,   59,    -84,   125,   -183, 263,   -366,  500,  -672,  893,  -1185,
     1587,  -2182, 3179,  -5287, 13496, 27072, -6669, 3688, -2452, 1758, -1304,
     981,   -739,  553,   -407,  294,   -207,  142,   -96,  66,    -49};
-extern const int16_t kPow2Table[33];
-extern const int16_t kLog2Table[33];
 
 }  // namespace quillon::tetra
 
