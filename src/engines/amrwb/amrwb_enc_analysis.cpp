@@ -6,6 +6,7 @@
 
 #include "engines/amrwb/amrwb_encoder.h"
 #include "engines/amrwb/amrwb_tables.h"
+#include "primitives/lsp_roots.h"
 
 namespace quillon::amrwb {
 
@@ -224,56 +225,10 @@ void Encoder::lpcToIsp(const Word16* a, Word16* isp, const Word16* oldIsp) {
   f1[nc] = a[nc];
   for (int i = 2; i < nc; i++) f2[i] = add(f2[i], f2[i - 2]);
 
-  int nf = 0;
-  bool odd = false;
-  const Word16* coef = f1;
-  int order = nc;
-  Word16 xlow = tables::kChebyshevGrid[0];
-  Word16 ylow = chebyshev(xlow, coef, order);
-  int j = 0;
-  while (nf < kOrder - 1 && j < 100) {
-    j++;
-    Word16 xhigh = xlow, yhigh = ylow;
-    xlow = tables::kChebyshevGrid[j];
-    ylow = chebyshev(xlow, coef, order);
-    if (L_mult(ylow, yhigh) <= 0) {
-      for (int k = 0; k < 2; k++) {
-        const Word16 xmid = add(shr(xlow, 1), shr(xhigh, 1));
-        const Word16 ymid = chebyshev(xmid, coef, order);
-        if (L_mult(ylow, ymid) <= 0) {
-          yhigh = ymid;
-          xhigh = xmid;
-        } else {
-          ylow = ymid;
-          xlow = xmid;
-        }
-      }
-      const Word16 x = sub(xhigh, xlow);
-      Word16 y = sub(yhigh, ylow);
-      Word16 xint;
-      if (y == 0) {
-        xint = xlow;
-      } else {
-        const Word16 sign = y;
-        y = abs_s(y);
-        const Word16 e = norm_s(y);
-        y = shl(y, e);
-        y = div_s(16383, y);
-        Word32 t = L_mult(x, y);
-        t = L_shr(t, sub(20, e));
-        y = extract_l(t);
-        if (sign < 0) y = negate(y);
-        t = L_shr(L_mult(ylow, y), 11);
-        xint = sub(xlow, extract_l(t));
-      }
-      isp[nf++] = xint;
-      xlow = xint;
-      odd = !odd;
-      coef = odd ? f2 : f1;
-      order = odd ? nc - 1 : nc;
-      ylow = chebyshev(xlow, coef, order);
-    }
-  }
+  const int nf = fx::findAlternatingRoots(
+      *this, tables::kChebyshevGrid, 100, 2, kOrder - 1,
+      [&](Word16 x, bool second) { return second ? chebyshev(x, f2, nc - 1) : chebyshev(x, f1, nc); },
+      [this](Word16 num, Word16 den) { return div_s(num, den); }, isp);
   if (nf < kOrder - 1) {
     std::memcpy(isp, oldIsp, kOrder * sizeof(Word16));
   } else {

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "engines/g729/tables.h"
+#include "primitives/lsp_roots.h"
 
 namespace quillon::g729a {
 
@@ -328,63 +329,13 @@ void Encoder::azToLsp(const Word16* a, Word16* lsp, const Word16* oldLsp) {
     }
   }
 
-  // Roots of F1 and F2 alternate: scan the grid for sign changes, refine
-  // by two bisections and a linear interpolation.
-  int found = 0;
-  const Word16* coef = f1;
-  bool onF2 = false;
   // Annex A scans 50 grid intervals and bisects twice, the main body 60
   // intervals and four times.
   const bool fine = m_variant == Variant::Main;
-  const Word16* grid = fine ? tab::kChebGrid60 : tab::kChebGrid;
-  const int gridPoints = fine ? 60 : 50;
-  const int bisections = fine ? 4 : 2;
-  Word16 xlow = grid[0];
-  Word16 ylow = chebyshev(xlow, coef, halve);
-  int j = 0;
-  while (found < kOrder && j < gridPoints) {
-    j++;
-    Word16 xhigh = xlow, yhigh = ylow;
-    xlow = grid[j];
-    ylow = chebyshev(xlow, coef, halve);
-    if (L_mult(ylow, yhigh) <= 0) {
-      for (int i = 0; i < bisections; i++) {
-        const Word16 xmid = add(shr(xlow, 1), shr(xhigh, 1));
-        const Word16 ymid = chebyshev(xmid, coef, halve);
-        if (L_mult(ylow, ymid) <= 0) {
-          yhigh = ymid;
-          xhigh = xmid;
-        } else {
-          ylow = ymid;
-          xlow = xmid;
-        }
-      }
-      const Word16 dx = sub(xhigh, xlow);
-      Word16 dy = sub(yhigh, ylow);
-      Word16 xint;
-      if (dy == 0) {
-        xint = xlow;
-      } else {
-        const Word16 sign = dy;
-        dy = abs_s(dy);
-        const Word16 e = norm_s(dy);
-        dy = shl(dy, e);
-        dy = div_s(16383, dy);
-        Word32 t = L_mult(dx, dy);
-        t = L_shr(t, sub(20, e));
-        dy = extract_l(t);
-        if (sign < 0) dy = negate(dy);
-        t = L_mult(ylow, dy);
-        t = L_shr(t, 11);
-        xint = sub(xlow, extract_l(t));
-      }
-      lsp[found++] = xint;
-      xlow = xint;
-      onF2 = !onF2;
-      coef = onF2 ? f2 : f1;
-      ylow = chebyshev(xlow, coef, halve);
-    }
-  }
+  const int found = fx::findAlternatingRoots(
+      *this, fine ? tab::kChebGrid60 : tab::kChebGrid, fine ? 60 : 50, fine ? 4 : 2, kOrder,
+      [&](Word16 x, bool second) { return chebyshev(x, second ? f2 : f1, halve); },
+      [this](Word16 num, Word16 den) { return div_s(num, den); }, lsp);
   if (found < kOrder) std::memcpy(lsp, oldLsp, kOrder * sizeof(Word16));
 }
 
