@@ -769,3 +769,59 @@ TEST_F(CaptureTest, SecondCallerStreamJoinsTheLeftChannel) {
   EXPECT_TRUE(std::equal(da.begin(), da.end(), left.begin()));
   EXPECT_TRUE(std::equal(db.begin(), db.end(), left.begin() + 12000));  // 1.5 s in
 }
+
+// A capture written by an outside program: text2pcap (Wireshark's) turns a
+// hex dump of G.722 RTP packets, one lost, two swapped, one doubled, into a
+// pcapng file with its own Ethernet, IPv4 and UDP headers; the tool's split
+// output is the stream decoder's own decoding of those packets.
+TEST_F(CaptureTest, Text2pcapCaptureDecodesLikeTheStreamDecoder) {
+  if (sh("command -v text2pcap >/dev/null") != 0) GTEST_SKIP() << "text2pcap (wireshark-common) not installed";
+  const auto pcm = speechLike(16000 * 2, 16000, false, 11);
+  const auto payloads = quillon::test::g722Payloads(pcm);
+  const auto sent = stream(9, 0x51a7, kStart, payloads.size(), 160, [&](size_t i) { return payloads[i]; });
+  std::vector<Packet> packets;
+  for (size_t i = 0; i < sent.size(); i++) {
+    if (i == 30) continue;
+    packets.push_back(sent[i == 50 ? 51 : i == 51 ? 50 : i]);
+    if (i == 80) packets.push_back(sent[i]);
+  }
+  // text2pcap's dump: a time of day before each packet's first offset.
+  {
+    std::ofstream dump(dir / "rtp.txt");
+    char line[128];
+    for (const Packet& p : packets) {
+      const uint64_t us = p.time % 86400000000ull;
+      for (size_t off = 0; off < p.rtp.size(); off += 16) {
+        if (off == 0) {
+          std::snprintf(line, sizeof line, "%02u:%02u:%02u.%06u ", static_cast<unsigned>(us / 3600000000ull),
+                        static_cast<unsigned>(us / 60000000ull % 60), static_cast<unsigned>(us / 1000000ull % 60),
+                        static_cast<unsigned>(us % 1000000ull));
+          dump << line;
+        }
+        std::snprintf(line, sizeof line, "%06zx", off);
+        dump << line;
+        for (size_t k = off; k < std::min(off + 16, p.rtp.size()); k++) {
+          std::snprintf(line, sizeof line, " %02x", p.rtp[k]);
+          dump << line;
+        }
+        dump << '\n';
+      }
+    }
+  }
+  std::string err;
+  ASSERT_EQ(sh("text2pcap -q -t '%H:%M:%S.%f' -u 41000,51000 -4 192.0.2.1,192.0.2.2 rtp.txt rtp.pcapng", &err), 0)
+      << err;
+  ASSERT_EQ(run("capture --split --report csv --out out rtp.pcapng", &err), 0) << err;
+  std::vector<fs::path> waves;
+  for (const auto& e : fs::directory_iterator(dir / "out"))
+    if (e.path().extension() == ".wav") waves.push_back(e.path());
+  ASSERT_EQ(waves.size(), 1u);
+  EXPECT_NE(waves[0].filename().string().find("192.0.2.1_41000_192.0.2.2_51000"), std::string::npos) << waves[0];
+  const Wave w = readWave(waves[0]);
+  EXPECT_EQ(w.channels, 1);
+  EXPECT_EQ(w.rate, 16000u);
+  EXPECT_GE(w.samples.size(), pcm.size());
+  EXPECT_EQ(w.samples, decodeDirectly(rtp::describeStaticPayload(9), packets, 16000));
+  const std::string report = readText(dir / "out" / "quillon-capture-report.csv");
+  EXPECT_NE(report.find(",g722,16000,"), std::string::npos) << report;
+}

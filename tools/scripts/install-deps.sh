@@ -8,9 +8,10 @@ packages="build-essential cmake ninja-build pkg-config libopus-dev libgtest-dev 
 # Packet capture, the Python module and its tests.
 packages="$packages libpcap-dev pybind11-dev python3-dev python3-numpy python3-distributed python3-pytest"
 # ffmpeg: the capture test sends RTP with it over loopback (skipped without
-# it), and it, sox and opus-tools make test inputs; the peer libraries and
-# valgrind are for bench/.
-packages="$packages ffmpeg sox opus-tools libspandsp-dev libbcg729-dev libopencore-amrwb-dev libvo-amrwbenc-dev
+# it), and it, sox and opus-tools make test inputs; text2pcap
+# (wireshark-common) writes a capture for the capture tests; the peer
+# libraries and valgrind are for bench/.
+packages="$packages ffmpeg sox opus-tools wireshark-common libspandsp-dev libbcg729-dev libopencore-amrwb-dev libvo-amrwbenc-dev
   libavcodec-dev libavutil-dev valgrind"
 # One query for all of them: a package dpkg does not know is missing too.
 installed=" $(dpkg-query -W -f='${Status} ${Package}\n' $packages 2>/dev/null | sed -n 's/^install ok installed //p' | tr '\n' ' ')"
