@@ -126,6 +126,19 @@ void Decoder::saveExcitationEnergy() {
   m_sidEnergyExp = sub(16, n);
 }
 
+// One subframe through the synthesis filter; on overflow the whole
+// excitation history is scaled down and the subframe synthesised again.
+void Decoder::synthesiseSubframe(const Word16* a, const Word16* exc, Word16* syn) {
+  Overflow = false;
+  synthesis(a, exc, syn, kSubframe, m_synMem, false);
+  if (Overflow) {
+    for (auto& e : m_excBuf) e = shr(e, 2);
+    synthesis(a, exc, syn, kSubframe, m_synMem, true);
+  } else {
+    std::memcpy(m_synMem, syn + kSubframe - kOrder, sizeof m_synMem);
+  }
+}
+
 void Decoder::decodeComfortNoise(const Word16* sid, bool erased, int16_t* out) {
   Word16* exc = m_excBuf + kPitchMax + kInterpLen;
   Word16* syn = m_synHist + kOrder;
@@ -153,14 +166,7 @@ void Decoder::decodeComfortNoise(const Word16* sid, bool erased, int16_t* out) {
   for (int sf = 0; sf < 2; sf++) {
     const int off = sf * kSubframe;
     const Word16* a = az + sf * kOrder1;
-    Overflow = false;
-    synthesis(a, exc + off, syn + off, kSubframe, m_synMem, false);
-    if (Overflow) {
-      for (auto& e : m_excBuf) e = shr(e, 2);
-      synthesis(a, exc + off, syn + off, kSubframe, m_synMem, true);
-    } else {
-      std::memcpy(m_synMem, syn + off + kSubframe - kOrder, sizeof m_synMem);
-    }
+    synthesiseSubframe(a, exc + off, syn + off);
   }
   m_sharp = kSharpMin;
   if (!erased) saveExcitationEnergy();
@@ -202,13 +208,8 @@ void Decoder::decodePitchLag(Word16 index, bool first, Word16& t0, Word16& frac)
       frac = 0;
     }
   } else {
-    Word16 tMin = sub(t0, 5);
-    if (tMin < kPitchMin) tMin = kPitchMin;
-    Word16 tMax = add(tMin, 9);
-    if (tMax > kPitchMax) {
-      tMax = kPitchMax;
-      tMin = sub(tMax, 9);
-    }
+    Word16 tMin, tMax;
+    pitchSearchRange(t0, 5, 9, tMin, tMax);
     Word16 i = sub(mult(add(index, 2), 10923), 1);
     t0 = add(i, tMin);
     i = add(add(i, i), i);
@@ -324,15 +325,7 @@ void Decoder::decodeFrame(const Word16* prm, bool erased, int16_t* out) {
     }
 
     const Word16* a = az + sf * kOrder1;
-    Overflow = false;
-    synthesis(a, exc + off, syn + off, kSubframe, m_synMem, false);
-    if (Overflow) {
-      // Scale the whole excitation history down and synthesise again.
-      for (auto& e : m_excBuf) e = shr(e, 2);
-      synthesis(a, exc + off, syn + off, kSubframe, m_synMem, true);
-    } else {
-      std::memcpy(m_synMem, syn + off + kSubframe - kOrder, sizeof m_synMem);
-    }
+    synthesiseSubframe(a, exc + off, syn + off);
   }
   if (m_annexB && !erased) saveExcitationEnergy();
   std::memmove(m_excBuf, m_excBuf + kFrame, kExcHist * sizeof(Word16));

@@ -69,6 +69,7 @@ class Decoder : private Dsp {
   // of a SID frame, null otherwise.
   void decodeComfortNoise(const Word16* sid, bool erased, int16_t* out);
   void saveExcitationEnergy();
+  void synthesiseSubframe(const Word16* a, const Word16* exc, Word16* syn);
   void finishFrame(Word16* syn, const Word16* az, const Word16* lags, bool active, int16_t* out);
   void decodeLsp(const Word16* prm, bool erased, Word16* lspNew);
   void decodePitchLag(Word16 index, bool first, Word16& t0, Word16& frac);

@@ -66,6 +66,17 @@ class Dsp : public fx::BasicOps {
   // Adaptive-codebook vector at fractional delay t0 + frac/3 written over exc[0..n).
   void predictLongTerm(Word16* exc, int t0, int frac, int n);
 
+  // The lags `below` under `center` to `span` above that, kept inside
+  // kPitchMin..kPitchMax with the width unchanged.
+  void pitchSearchRange(Word16 center, Word16 below, Word16 span, Word16& lo, Word16& hi) {
+    lo = sub(center, below);
+    if (lo < kPitchMin) lo = kPitchMin;
+    hi = add(lo, span);
+    if (hi > kPitchMax) {
+      hi = kPitchMax;
+      lo = sub(hi, span);
+    }
+  }
   Word32 pow2(Word16 exponent, Word16 fraction);
   void log2(Word32 x, Word16& exponent, Word16& fraction);
   Word32 invSqrt(Word32 x);

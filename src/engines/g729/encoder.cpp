@@ -1194,13 +1194,8 @@ int Encoder::analyse(Word16* prm) {
   }
 
   const Word16 tOp = openLoopPitch(wsp);
-  Word16 t0Min = sub(tOp, 3);
-  if (t0Min < kPitchMin) t0Min = kPitchMin;
-  Word16 t0Max = add(t0Min, 6);
-  if (t0Max > kPitchMax) {
-    t0Max = kPitchMax;
-    t0Min = sub(t0Max, 6);
-  }
+  Word16 t0Min, t0Max;
+  pitchSearchRange(tOp, 3, 6, t0Min, t0Max);
 
   Word16* out = prm + 2;
   for (int sf = 0; sf < 2; sf++) {
@@ -1320,13 +1315,7 @@ Word16 Encoder::lagIndex(Word16 t0, Word16 frac, bool firstSubframe, Word16& t0M
     return add(add(i, 2), frac);
   }
   const Word16 index = t0 <= 85 ? add(sub(add(add(t0, t0), t0), 58), frac) : add(t0, 112);
-  t0Min = sub(t0, 5);
-  if (t0Min < kPitchMin) t0Min = kPitchMin;
-  t0Max = add(t0Min, 9);
-  if (t0Max > kPitchMax) {
-    t0Max = kPitchMax;
-    t0Min = sub(t0Max, 9);
-  }
+  pitchSearchRange(t0, 5, 9, t0Min, t0Max);
   return index;
 }
 

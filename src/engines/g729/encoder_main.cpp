@@ -447,13 +447,8 @@ int Encoder::analyseMain(Word16* prm) {
   }
 
   const Word16 tOp = openLoopPitchFull(wsp);
-  Word16 t0Min = sub(tOp, 3);
-  if (t0Min < kPitchMin) t0Min = kPitchMin;
-  Word16 t0Max = add(t0Min, 6);
-  if (t0Max > kPitchMax) {
-    t0Max = kPitchMax;
-    t0Min = sub(t0Max, 6);
-  }
+  Word16 t0Min, t0Max;
+  pitchSearchRange(tOp, 3, 6, t0Min, t0Max);
 
   Word16* out = prm + 2;
   for (int sf = 0; sf < 2; sf++) {
