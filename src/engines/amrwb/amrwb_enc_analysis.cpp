@@ -40,53 +40,41 @@ void Encoder::decimate(const Word16* in, int n, Word16* out, Word16* mem) {
   std::memcpy(mem, sig + n, 2 * kTaps * sizeof(Word16));
 }
 
-void Encoder::highPass50(Word16* sig, int n, Word16* m) {
+// Second-order IIR in double precision on `sig`, state in `m`: feedback
+// a1, a2 and feedforward b0, b1, b2 (c, in that order), the sum shifted left
+// by `gain`, the output by `outShift` more.
+void Encoder::iir2(Word16* sig, int n, Word16* m, const Word16 (&c)[5], Word16 gain, Word16 outShift) {
   Word16 y2hi = m[0], y2lo = m[1], y1hi = m[2], y1lo = m[3], x0 = m[4], x1 = m[5];
   for (int i = 0; i < n; i++) {
     const Word16 x2 = x1;
     x1 = x0;
     x0 = sig[i];
     Word32 t = 16384;
-    t = L_mac(t, y1lo, 16211);
-    t = L_mac(t, y2lo, -8021);
+    t = L_mac(t, y1lo, c[0]);
+    t = L_mac(t, y2lo, c[1]);
     t = L_shr(t, 15);
-    t = L_mac(t, y1hi, 16211);
-    t = L_mac(t, y2hi, -8021);
-    t = L_mac(t, x0, 4053);
-    t = L_mac(t, x1, -8106);
-    t = L_mac(t, x2, 4053);
-    t = L_shl(t, 2);
+    t = L_mac(t, y1hi, c[0]);
+    t = L_mac(t, y2hi, c[1]);
+    t = L_mac(t, x0, c[2]);
+    t = L_mac(t, x1, c[3]);
+    t = L_mac(t, x2, c[4]);
+    t = L_shl(t, gain);
     y2hi = y1hi;
     y2lo = y1lo;
     L_Extract(t, y1hi, y1lo);
-    sig[i] = round(L_shl(t, 1));
+    sig[i] = round(outShift ? L_shl(t, outShift) : t);
   }
   m[0] = y2hi; m[1] = y2lo; m[2] = y1hi; m[3] = y1lo; m[4] = x0; m[5] = x1;
 }
 
+void Encoder::highPass50(Word16* sig, int n, Word16* m) {
+  static constexpr Word16 kCoefficients[5] = {16211, -8021, 4053, -8106, 4053};
+  iir2(sig, n, m, kCoefficients, 2, 1);
+}
+
 void Encoder::highPass400(Word16* sig, int n) {
-  Word16* m = memHp400_;
-  Word16 y2hi = m[0], y2lo = m[1], y1hi = m[2], y1lo = m[3], x0 = m[4], x1 = m[5];
-  for (int i = 0; i < n; i++) {
-    const Word16 x2 = x1;
-    x1 = x0;
-    x0 = sig[i];
-    Word32 t = 16384;
-    t = L_mac(t, y1lo, 29280);
-    t = L_mac(t, y2lo, -14160);
-    t = L_shr(t, 15);
-    t = L_mac(t, y1hi, 29280);
-    t = L_mac(t, y2hi, -14160);
-    t = L_mac(t, x0, 915);
-    t = L_mac(t, x1, -1830);
-    t = L_mac(t, x2, 915);
-    t = L_shl(t, 1);
-    y2hi = y1hi;
-    y2lo = y1lo;
-    L_Extract(t, y1hi, y1lo);
-    sig[i] = round(t);
-  }
-  m[0] = y2hi; m[1] = y2lo; m[2] = y1hi; m[3] = y1lo; m[4] = x0; m[5] = x1;
+  static constexpr Word16 kCoefficients[5] = {29280, -14160, 915, -1830, 915};
+  iir2(sig, n, memHp400_, kCoefficients, 1, 0);
 }
 
 // 31-tap band-pass 6-7 kHz at 16 kHz (input scaled down by 4).
