@@ -40,41 +40,44 @@ void Encoder::decimate(const Word16* in, int n, Word16* out, Word16* mem) {
   std::memcpy(mem, sig + n, 2 * kTaps * sizeof(Word16));
 }
 
-// Second-order IIR in double precision on `sig`, state in `m`: feedback
-// a1, a2 and feedforward b0, b1, b2 (c, in that order), the sum shifted left
-// by `gain`, the output by `outShift` more.
-void Encoder::iir2(Word16* sig, int n, Word16* m, const Word16 (&c)[5], Word16 gain, Word16 outShift) {
+namespace {
+
+// Second-order IIR in double precision on `sig`, state in `m`: feedback A1,
+// A2 and feedforward B0, B1, B2 (Q12), the sum shifted left by Gain, the
+// output by OutShift more.
+template <Word16 A1, Word16 A2, Word16 B0, Word16 B1, Word16 B2, Word16 Gain, Word16 OutShift>
+void iir2(fx::BasicOps& op, Word16* sig, int n, Word16* m) {
   Word16 y2hi = m[0], y2lo = m[1], y1hi = m[2], y1lo = m[3], x0 = m[4], x1 = m[5];
   for (int i = 0; i < n; i++) {
     const Word16 x2 = x1;
     x1 = x0;
     x0 = sig[i];
     Word32 t = 16384;
-    t = L_mac(t, y1lo, c[0]);
-    t = L_mac(t, y2lo, c[1]);
-    t = L_shr(t, 15);
-    t = L_mac(t, y1hi, c[0]);
-    t = L_mac(t, y2hi, c[1]);
-    t = L_mac(t, x0, c[2]);
-    t = L_mac(t, x1, c[3]);
-    t = L_mac(t, x2, c[4]);
-    t = L_shl(t, gain);
+    t = op.L_mac(t, y1lo, A1);
+    t = op.L_mac(t, y2lo, A2);
+    t = op.L_shr(t, 15);
+    t = op.L_mac(t, y1hi, A1);
+    t = op.L_mac(t, y2hi, A2);
+    t = op.L_mac(t, x0, B0);
+    t = op.L_mac(t, x1, B1);
+    t = op.L_mac(t, x2, B2);
+    t = op.L_shl(t, Gain);
     y2hi = y1hi;
     y2lo = y1lo;
-    L_Extract(t, y1hi, y1lo);
-    sig[i] = round(outShift ? L_shl(t, outShift) : t);
+    op.L_Extract(t, y1hi, y1lo);
+    sig[i] = op.round(OutShift ? op.L_shl(t, OutShift) : t);
   }
   m[0] = y2hi; m[1] = y2lo; m[2] = y1hi; m[3] = y1lo; m[4] = x0; m[5] = x1;
 }
 
+}  // namespace
+
 void Encoder::highPass50(Word16* sig, int n, Word16* m) {
-  static constexpr Word16 kCoefficients[5] = {16211, -8021, 4053, -8106, 4053};
-  iir2(sig, n, m, kCoefficients, 2, 1);
+  iir2<16211, -8021, 4053, -8106, 4053, 2, 1>(*this, sig, n, m);
 }
 
 void Encoder::highPass400(Word16* sig, int n) {
-  static constexpr Word16 kCoefficients[5] = {29280, -14160, 915, -1830, 915};
-  iir2(sig, n, memHp400_, kCoefficients, 1, 0);
+  iir2<29280, -14160, 915, -1830, 915, 1, 0>(*this, sig, n, memHp400_);
 }
 
 // 31-tap band-pass 6-7 kHz at 16 kHz (input scaled down by 4).

@@ -71,7 +71,6 @@ class Encoder : private Dsp {
 
   // Pre-processing and analysis
   void decimate(const Word16* in, int n, Word16* out, Word16* mem);
-  void iir2(Word16* sig, int n, Word16* m, const Word16 (&c)[5], Word16 gain, Word16 outShift);
   void highPass50(Word16* sig, int n, Word16* mem);
   void highPass400(Word16* sig, int n);
   void autocorrelation(const Word16* x, Word16* rHi, Word16* rLo);
