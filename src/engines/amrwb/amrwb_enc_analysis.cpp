@@ -219,7 +219,7 @@ void Encoder::lpcToIsp(const Word16* a, Word16* isp, const Word16* oldIsp) {
   const int nf = fx::findAlternatingRoots(
       *this, tables::kChebyshevGrid, 100, 2, kOrder - 1,
       [&](Word16 x, bool second) { return second ? chebyshev(x, f2, nc - 1) : chebyshev(x, f1, nc); },
-      [this](Word16 num, Word16 den) { return div_s(num, den); }, isp);
+      [&](Word16 num, Word16 den) { return div_s(num, den); }, isp);
   if (nf < kOrder - 1) {
     std::memcpy(isp, oldIsp, kOrder * sizeof(Word16));
   } else {
